@@ -1,0 +1,50 @@
+// How failures are reported besides their status: the composed message, and
+// the switch that turns on console lines around each publisher's OnLoad.
+//
+// Just before an operation returns a failure it writes one composed message to
+// the global Logger, in this order: LogError with the tag "Default", the status
+// name, ": ", the name of the offending argument as the source spells it,
+// " = ", the offending value where there is one, and the end-of-message marker.
+// Every failure path is one line:
+//
+//   if (out == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_metricHandle");
+//   if (node == nullptr) return Fail(KT_STATUS_NON_UNIQUE, "instance_name", name);
+//
+// The message is a side channel: it never changes a result. All of this may be
+// called from any thread.
+#ifndef KT_HOST_DIAGNOSTICS_H_
+#define KT_HOST_DIAGNOSTICS_H_
+
+#include "foundation/kt_string.h"
+#include "host/logger.h"
+#include "kt/status.h"
+
+namespace MetricsFramework {
+
+// Writes the pieces of one composed message to `sink`: "<head>: <argument> =
+// <values...>" under the tag "Default", then the end marker. `head` is the
+// status name, or the word a pass-through message uses instead ("status",
+// "state"). Any sink with LogError and the Logger's operator<< pieces will do;
+// the system's sink is GetLogger().
+template <typename Sink, typename... Values>
+void ComposeMessage(Sink& sink, const char* head, const char* argument, const Values&... values) {
+  auto& out = sink.LogError(KTString("Default"));
+  out << head << ": " << argument << " = ";
+  (void)(out << ... << values);
+  out << OPCODE_END_OF_MESSAGE;
+}
+
+// Writes the composed message for `status` to the global Logger and returns
+// `status`, so that a failure path is one return statement.
+template <typename... Values>
+KT_STATUS Fail(KT_STATUS status, const char* argument, const Values&... values) {
+  ComposeMessage(GetLogger(), StatusName(status), argument, values...);
+  return status;
+}
+
+// True when KT_LOG_ONLOAD_CALLS_TO_CONSOLE is set and starts with '1'.
+bool ConsoleTraceRequested();
+
+}  // namespace MetricsFramework
+
+#endif  // KT_HOST_DIAGNOSTICS_H_

@@ -1,0 +1,86 @@
+// IExtensionHandler, which accepts extensions, and IExtensionManager, through
+// which extensions publish metrics and probe types, push samples, dispatch
+// remote calls and log.
+//
+// The host adds every extension with Add and removes it with Remove, both from
+// its loading thread. The publishing and routing operations may be called from
+// the extensions' own threads; each returns a KT_STATUS (0 on success) and
+// writes its out-parameters only on success. The slot numbers in the comments
+// are a binary contract: never insert, remove or reorder.
+#ifndef KT_EXTENSION_MANAGER_H_
+#define KT_EXTENSION_MANAGER_H_
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kt/extension.h"
+#include "kt/status.h"
+
+namespace MetricsFramework {
+
+namespace Metric {
+struct Description;
+}  // namespace Metric
+
+class IPublisher;
+class IProbePublisher;
+class IReadBuffer;
+class IWriteBuffer;
+struct ProbeDesc;
+
+class IExtensionHandler : public IExtension {
+ public:
+  // Slot 0: CastTo (IExtension); slots 1, 2: destructors.
+  ~IExtensionHandler() override {}
+
+  // Slot 3: files `extension`, named `name`, under every role it plays.
+  virtual KT_STATUS Add(const ExtensionBinaryDesc& desc, const char* name, IExtension* extension,
+                        IExtensionLoader* loader) = 0;
+  // Slot 4: removes what Add filed for `extension` under `name`.
+  virtual KT_STATUS Remove(const ExtensionBinaryDesc& desc, const char* name,
+                           IExtension* extension, IExtensionLoader* loader) = 0;
+};
+
+class IExtensionManager : public IExtensionHandler {
+ public:
+  ~IExtensionManager() override {}
+
+  // Slot 5: files a metric under `owner`; stores its handle in
+  // *out_metricHandle.
+  virtual KT_STATUS PublishMetric(IPublisher* owner, const Metric::Description& desc,
+                                  unsigned long* out_metricHandle) = 0;
+  // Slot 6: removes the metric `metricHandle` of `owner`.
+  virtual KT_STATUS UnpublishMetric(IPublisher* owner, unsigned long metricHandle) = 0;
+  // Slot 7: replaces the publisher's group order.
+  virtual KT_STATUS PublishGroupOrder(IPublisher* publisher, std::vector<std::string>& order) = 0;
+  // Slot 8: replaces the publisher's set names.
+  virtual KT_STATUS PublishSetNames(
+      IPublisher* publisher, const std::vector<std::pair<unsigned int, std::string>>& names) = 0;
+  // Slot 9: delivers the oldest committed sample of `data` to the consumers of
+  // the conduit `conduitHandle`.
+  virtual KT_STATUS PushDataToConsumers(unsigned long conduitHandle, unsigned long bindingHandle,
+                                        const IReadBuffer* data) = 0;
+  // Slot 10: runs the remote method filed under `handle`.
+  virtual KT_STATUS DispatchRemoteMethod(unsigned long handle, const IReadBuffer* args,
+                                         IWriteBuffer* returns) = 0;
+  // Slot 11: files a probe type of `publisher`; stores its handle in
+  // *out_query.
+  virtual KT_STATUS PublishProbe(IProbePublisher* publisher, const ProbeDesc& desc,
+                                 unsigned long* out_query) = 0;
+  // Slot 12: removes the probe type `query` of `publisher`.
+  virtual KT_STATUS UnpublishProbe(IProbePublisher* publisher, unsigned long query) = 0;
+  // Slot 13: sends `event` with (a, b) to every registered state listener.
+  virtual void NotifyState(unsigned int event, unsigned long a, unsigned long b) = 0;
+  // Slot 14: formats a line printf-style and hands it to every logger
+  // extension. `source` is ignored.
+  virtual KT_STATUS Log(unsigned int level, const char* source, const char* format, ...) = 0;
+};
+
+}  // namespace MetricsFramework
+
+// The process-wide extension manager: null until the host has called the
+// factory of the export table's first row.
+MetricsFramework::IExtensionManager* GetExtensionManager();
+
+#endif  // KT_EXTENSION_MANAGER_H_

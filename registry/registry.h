@@ -1,0 +1,70 @@
+// Registry: the root of the name tree and the owner of what is global to it.
+//
+// It holds the 32-bit GUID of this process's registry (the upper half of every
+// handle it makes), the "handles" branch through which every registered handle
+// resolves in one step, and the table of state listeners. Building a Registry
+// names the root "root", gives it the handle GUID << 32, creates "handles"
+// (unlisted, not itself registered) and links the root into it.
+//
+// Threads: the tree locks itself (see Path). The listener table is read
+// without a lock, so listeners must be registered before extensions run.
+// GetLocalGuid is not locked: two first calls compute and store the same value.
+#ifndef KT_REGISTRY_REGISTRY_H_
+#define KT_REGISTRY_REGISTRY_H_
+
+#include <map>
+
+#include "registry/path.h"
+
+namespace MetricsFramework {
+
+// The handle under which the client command method of any registry is filed
+// besides its own.
+constexpr unsigned long kClientCommandHandle = 0x00ABBAFABBAABBAFul;
+
+// Folds the text of a MAC address ("00:11:22:33:44:55") into 32 bits:
+// b0 + b4 + (b1 << 8) + (b5 << 8) + (b2 << 16) + (b3 << 24). Reads at most six
+// hexadecimal fields; missing or unreadable fields count as 0.
+unsigned int FoldMacAddress(const char* text);
+// Reads up to 31 bytes of `filename` and folds them; 0 when it cannot be read.
+unsigned int ReadMacFold(const char* filename);
+
+class Registry : public Path {
+ public:
+  typedef void (*StateListener)(void* context, unsigned int event, unsigned long a,
+                                unsigned long b);
+
+  Registry();
+  // Turns notifications off, detaches "handles" (deliberately never freed),
+  // forgets the listeners and destroys the tree with every payload in it.
+  ~Registry() override;
+
+  // This registry's GUID, computed on first use from the process id, the MAC
+  // address of eth0 and the registry's address.
+  unsigned int GetLocalGuid();
+  // The GUID of the registry that made `handle`: its upper half.
+  static unsigned int GetGuid(unsigned long handle) {
+    return static_cast<unsigned int>(handle >> 32);
+  }
+
+  // Finds a registered node: the root's "handles", then the child `handle`.
+  Path* ResolveHandle(unsigned long handle);
+
+  // Registers `listener` (one entry per callback; a second call replaces the
+  // context) and removes it. Listeners are called as
+  // listener(context, event, a, b), in the order of their addresses.
+  void AddStateListener(StateListener listener, void* context);
+  void RemoveStateListener(StateListener listener);
+  // Calls every listener with (event, a, b) when notifications are enabled.
+  void NotifyStateListeners(unsigned int event, unsigned long a, unsigned long b);
+  bool NotificationsEnabled() const { return m_notificationsEnabled; }
+
+ private:
+  unsigned int m_guid;
+  std::map<StateListener, void*> m_listeners;
+  bool m_notificationsEnabled;
+};
+
+}  // namespace MetricsFramework
+
+#endif  // KT_REGISTRY_REGISTRY_H_
