@@ -29,6 +29,7 @@
 
 namespace MetricsFramework {
 
+class Path;
 class PathData;
 
 struct PathLink {
@@ -114,7 +115,8 @@ class Path {
 
   // For the Registry, which builds itself as a root.
   void SetRootIdentity(unsigned long handle, const std::string& name);
-  void DetachChild(unsigned long handle);
+  // Takes `child` out of this node's maps without destroying it.
+  void DetachChild(Path* child);
 
  private:
   friend class PathData;
@@ -122,7 +124,8 @@ class Path {
   Path* NewChildLocked(unsigned long handle, const std::string& name, bool listed);
   Path* CreateChild(unsigned long handle, const std::string& name, unsigned char flags);
   void RegisterHandle(Path* child);
-  void RemoveReferrer(Path* referrer);
+  unsigned int UnlinkTarget(Path* target, unsigned int expected);
+  void ForgetChildEntry(unsigned long handle, Path* child);
 
   std::string m_name;
   std::list<Path*> m_referrers;

@@ -12,6 +12,7 @@
 #ifndef KT_REGISTRY_REGISTRY_H_
 #define KT_REGISTRY_REGISTRY_H_
 
+#include <atomic>
 #include <map>
 
 #include "registry/path.h"
@@ -60,7 +61,7 @@ class Registry : public Path {
   bool NotificationsEnabled() const { return m_notificationsEnabled; }
 
  private:
-  unsigned int m_guid;
+  std::atomic<unsigned int> m_guid;  // atomic: first calls may race, and agree
   std::map<StateListener, void*> m_listeners;
   bool m_notificationsEnabled;
 };

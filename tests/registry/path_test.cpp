@@ -1,1 +1,290 @@
-// (being written)
+#include "registry/path.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "registry/path_data.h"
+#include "registry/registry.h"
+
+namespace MetricsFramework {
+namespace {
+
+// A registry whose test may take nodes out of the root's maps.
+class TestRegistry : public Registry {
+ public:
+  using Path::DetachChild;
+};
+
+class PathTest : public ::testing::Test {
+ protected:
+  Path* Make(const char* path, unsigned char flags = kPathCreate) {
+    return registry.GetChild(path, flags);
+  }
+  Path* Find(const char* path) { return registry.GetChild(path, 0); }
+  Path* Handles() { return Find("handles"); }
+  std::vector<unsigned long> ChildHandles(Path* node, unsigned int count) {
+    std::vector<unsigned long> out(count + 1, 0xDEAD);
+    node->GetChildHandles(count, out.data());
+    return out;
+  }
+
+  TestRegistry registry;
+};
+
+TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheName) {
+  Path* b = Make("a/b");
+  ASSERT_NE(b, nullptr);
+
+  EXPECT_EQ(Find("a//b"), b);
+  EXPECT_EQ(Find("a\\b"), b);
+  EXPECT_EQ(Find("a/b/"), b);
+  EXPECT_EQ(Find("/a/b"), nullptr);
+  Path* slashed = Make("/a");
+  ASSERT_NE(slashed, nullptr);
+  EXPECT_EQ(slashed->GetName(), "/a");
+  EXPECT_NE(slashed, Find("a"));
+}
+
+TEST_F(PathTest, EmptyPathNamesNothingAndCreatesAnUnnamedChild) {
+  EXPECT_EQ(Find(""), nullptr);
+
+  Path* unnamed = Make("");
+
+  ASSERT_NE(unnamed, nullptr);
+  EXPECT_TRUE(unnamed->GetName().empty());
+  EXPECT_EQ(registry.GetChild(unnamed->GetHandle(), 0), unnamed);
+  EXPECT_EQ(Find(""), nullptr);
+}
+
+TEST_F(PathTest, PartialMatchReturnsDeepestNodeAndPointsRestAtFirstMissingName) {
+  Path* x = Make("x");
+  const char* text = "x/y/z";
+  const char* rest = nullptr;
+
+  EXPECT_EQ(registry.GetChild(text, 0, &rest), x);
+  EXPECT_EQ(rest, text + 2);
+  EXPECT_EQ(registry.GetChild(text, 0), nullptr);
+
+  Path* y = Make("x/y");
+  EXPECT_EQ(registry.GetChild(text, 0, &rest), y);
+  EXPECT_EQ(rest, text + 4);
+
+  const char* untouched = text;
+  EXPECT_EQ(registry.GetChild("nothing/here", 0, &untouched), nullptr);
+  EXPECT_EQ(untouched, text);
+}
+
+TEST_F(PathTest, NullPathThrowsLogicErrorAndLeavesTheNodeUsable) {
+  EXPECT_THROW(registry.GetChild(nullptr, kPathCreate), std::logic_error);
+  EXPECT_TRUE(registry.GetLock().GetWriteLock()->TryLock());
+  registry.GetLock().GetWriteLock()->Unlock();
+}
+
+TEST_F(PathTest, UnlistedChildIsFoundButNotCountedOrListed) {
+  Path* listed = Make("listed");
+  Path* hidden = Make("hidden", kPathCreate | kPathUnlisted);
+  Path* parent = Make("p");
+  Path* first = parent->GetChild("first", kPathCreate | kPathUnlisted);
+  Path* second = parent->GetChild("second", kPathCreate);
+
+  EXPECT_EQ(Find("hidden"), hidden);
+  EXPECT_EQ(registry.GetChild(hidden->GetHandle(), 0), hidden);
+  EXPECT_EQ(registry.ResolveHandle(hidden->GetHandle()), hidden);
+  EXPECT_EQ(registry.ChildCount(), 2u);  // "listed" and "p"; "handles" and "hidden" are not
+  EXPECT_EQ(parent->ChildCount(), 1u);
+  // An unlisted child does not use up the count.
+  EXPECT_EQ(ChildHandles(parent, 1)[0], second->GetHandle());
+  EXPECT_NE(first, nullptr);
+  EXPECT_NE(listed, nullptr);
+}
+
+TEST_F(PathTest, ChildHandlesAreTheChildrensOwnHandlesAndCountZeroWritesNothing) {
+  Path* dir = Make("dir");
+  Path* target = Make("target");
+  const unsigned long alias = 0x1234;
+  dir->AddAliasSymlink(alias, target);
+
+  EXPECT_EQ(ChildHandles(dir, 1)[0], target->GetHandle());
+  EXPECT_EQ(ChildHandles(dir, 0)[0], 0xDEADu);
+  EXPECT_EQ(ChildHandles(dir, 1)[1], 0xDEADu);
+}
+
+TEST_F(PathTest, NewNodesAreRegisteredInHandlesUnlessAskedNotTo) {
+  Path* registered = Make("r");
+  Path* private_node = Make("q", kPathCreate | kPathUnlisted | kPathNoHandleEntry);
+
+  EXPECT_EQ(registry.ResolveHandle(registered->GetHandle()), registered);
+  EXPECT_EQ(registry.ResolveHandle(private_node->GetHandle()), nullptr);
+  EXPECT_EQ(registered->GetParent(), &registry);
+  EXPECT_EQ(registered->GetRegistry(), &registry);
+  EXPECT_EQ(registered->GetPayload()->m_type, RESOURCE_TYPE_NODE);
+  EXPECT_EQ(registered->GetPayload()->m_path, registered);
+}
+
+TEST_F(PathTest, AliasWithATakenHandleReturnsTheNodeAlreadyThere) {
+  Path* dir = Make("dir");
+  Path* a = Make("a");
+  Path* b = Make("b");
+  dir->AddAliasSymlink(7, a);
+
+  EXPECT_EQ(dir->AddAliasSymlink(7, b), a);
+  EXPECT_EQ(dir->GetChild(7, 0), a);
+  EXPECT_EQ(dir->GetChild("b", 0), nullptr);
+}
+
+TEST_F(PathTest, RemoveSymlinkLeavesOwnedChildren) {
+  Path* owned = Make("owned");
+
+  EXPECT_FALSE(registry.RemoveSymlink(owned->GetHandle()));
+  EXPECT_EQ(Find("owned"), owned);
+  EXPECT_FALSE(registry.RemoveSymlink(0x4242));
+}
+
+TEST_F(PathTest, LinkNeverShadowsAnOwnedChildOfTheSameName) {
+  Path* metric = Make("metric");
+  Path* bindings = metric->GetChild("bindings", kPathCreate);
+  Path* impostor = Make("elsewhere/bindings");
+
+  metric->AddSymlink(impostor);
+  EXPECT_EQ(metric->GetChild("bindings", 0), bindings);
+  EXPECT_EQ(metric->GetChild(impostor->GetHandle(), 0), impostor);
+
+  EXPECT_TRUE(metric->RemoveSymlink(impostor->GetHandle()));
+  EXPECT_EQ(metric->GetChild("bindings", 0), bindings);
+}
+
+TEST_F(PathTest, DestroyingANodeRemovesEveryLinkToIt) {
+  Path* node = Make("pubs/p1");
+  Path* left = Make("left");
+  Path* right = Make("right");
+  left->AddSymlink(node);
+  right->AddSymlink(node);
+  right->AddAliasSymlink(99, node);
+  const unsigned long handle = node->GetHandle();
+
+  delete Find("pubs");
+
+  EXPECT_EQ(left->GetChild(handle, 0), nullptr);
+  EXPECT_EQ(left->GetChild("p1", 0), nullptr);
+  EXPECT_EQ(right->GetChild(handle, 0), nullptr);
+  EXPECT_EQ(right->GetChild(99, 0), nullptr);
+  EXPECT_EQ(registry.ResolveHandle(handle), nullptr);
+  EXPECT_EQ(right->ChildCount(), 0u);
+}
+
+TEST_F(PathTest, RemovingOneOfTwoLinksKeepsTheOtherCleanedUpOnDestruction) {
+  Path* node = Make("node");
+  Path* dir = Make("dir");
+  dir->AddSymlink(node);
+  dir->AddAliasSymlink(5, node);
+
+  EXPECT_TRUE(dir->RemoveSymlink(5));
+  EXPECT_EQ(dir->GetChild(node->GetHandle(), 0), node);
+
+  const unsigned long handle = node->GetHandle();
+  delete node;
+  EXPECT_EQ(dir->GetChild(handle, 0), nullptr);
+  EXPECT_EQ(dir->ChildCount(), 0u);
+}
+
+TEST_F(PathTest, SetNameRefilesTheNodeUnderItsNewName) {
+  Path* node = Make("old");
+
+  node->SetName("new/with/separators");
+
+  EXPECT_EQ(Find("old"), nullptr);
+  EXPECT_EQ(registry.GetChild("new/with/separators", 0, nullptr), nullptr);  // split on lookup
+  EXPECT_EQ(node->GetName(), "new/with/separators");
+  EXPECT_EQ(registry.GetChild(node->GetHandle(), 0), node);
+}
+
+TEST_F(PathTest, SetNameOfANodeItsParentDoesNotListThrowsAndReleasesTheLock) {
+  Path* node = Make("stray");
+  registry.DetachChild(node);
+
+  EXPECT_THROW(node->SetName("other"), std::out_of_range);
+
+  EXPECT_TRUE(registry.GetLock().GetWriteLock()->TryLock());
+  registry.GetLock().GetWriteLock()->Unlock();
+  delete node;
+}
+
+TEST_F(PathTest, HandleClashIsReportedAndNeitherOrderOfDestructionHangs) {
+  Path* first = Make("first");
+  Path* other = Make("other");
+
+  testing::internal::CaptureStdout();
+  Path* clash = other->NewChild(first->GetHandle(), "clash", true, true);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "BAD HANDLE!!!!!\n");
+  EXPECT_EQ(registry.ResolveHandle(first->GetHandle()), first);
+
+  delete first;
+  EXPECT_EQ(registry.ResolveHandle(clash->GetHandle()), nullptr);
+  delete other;
+}
+
+TEST_F(PathTest, ConstructingAPayloadReplacesAndDestroysThePreviousOne) {
+  static int destroyed;
+  destroyed = 0;
+  struct Counted : PathData {
+    explicit Counted(Path* path) : PathData(path) {}
+    ~Counted() override { ++destroyed; }
+  };
+  Path* node = Make("n");
+  new Counted(node);
+
+  PathData* replacement = new PathData(node);
+
+  EXPECT_EQ(destroyed, 1);
+  EXPECT_EQ(node->GetPayload(), replacement);
+  new Counted(node);
+  delete Find("n");
+  EXPECT_EQ(destroyed, 2);
+}
+
+TEST_F(PathTest, ThreadsCreatingTheSameMissingNodeGetTheSameNode) {
+  for (int round = 0; round < 50; ++round) {
+    Path* parent = Make(("round" + std::to_string(round)).c_str());
+    std::atomic<int> ready{0};
+    Path* seen[4] = {};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([&, t] {
+        ready.fetch_add(1);
+        while (ready.load() < 4) std::this_thread::yield();
+        seen[t] = parent->GetChild("bindings", kPathCreate | kPathUnlisted);
+      });
+    }
+    for (auto& thread : threads) thread.join();
+
+    for (Path* node : seen) EXPECT_EQ(node, seen[0]);
+    EXPECT_EQ(seen[0]->GetParent(), parent);
+  }
+}
+
+TEST_F(PathTest, ReadersFindCompleteNodesWhileAnotherThreadCreates) {
+  Path* parent = Make("busy");
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    while (!done.load()) {
+      parent->ForEachChild([&](Path* child) {
+        EXPECT_EQ(child->GetParent(), parent);
+        EXPECT_NE(child->GetHandle(), 0u);
+      });
+    }
+  });
+
+  for (int i = 0; i < 200; ++i) parent->GetChild(std::to_string(i).c_str(), kPathCreate);
+  done.store(true);
+  reader.join();
+
+  EXPECT_EQ(parent->ChildCount(), 200u);
+}
+
+}  // namespace
+}  // namespace MetricsFramework
