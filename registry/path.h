@@ -93,6 +93,7 @@ class Path {
   unsigned long CreateHandle(void* object);
 
   // Calls `visit(child)` for every child in child order, under the read lock.
+  // `visit` must not add or remove children of this node.
   template <typename Visit>
   void ForEachChild(Visit visit) {
     ReadGuard hold(m_lock);

@@ -20,6 +20,7 @@
 #ifndef KT_EXTENSION_H_
 #define KT_EXTENSION_H_
 
+#include <cstddef>
 #include <cstring>
 
 #include "kt/lock.h"
@@ -47,6 +48,8 @@ struct ExtensionBinaryDesc {
   void* m_module;               // offset 264: the host's handle of the module
   const void* m_exportTable;    // offset 272: the module's export table
 };
+static_assert(offsetof(ExtensionBinaryDesc, m_descriptor) == 256,
+              "the manager reads the descriptor word at byte 256");
 
 class IKTExtensionBase : public IExtension {
  public:
