@@ -34,14 +34,14 @@ KTString::KTString() : wide(nullptr), narrow(nullptr) {
 }
 
 KTString::KTString(const char* s) : wide(nullptr), narrow(nullptr) {
-  // A null source gives "" in both forms: the conversion below stores "" when
-  // it has nothing to convert.
-  init(s);
+  // A null source gives "" in both forms, both made here: a form left missing
+  // would be made later by a const reader, racing with readers on other threads.
+  init(s != nullptr ? s : "");
   convert_to_wchar();
 }
 
 KTString::KTString(const wchar_t* w) : wide(nullptr), narrow(nullptr) {
-  init(w);
+  init(w != nullptr ? w : L"");
   convert_to_char();
 }
 
