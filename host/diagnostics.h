@@ -42,6 +42,24 @@ KT_STATUS Fail(KT_STATUS status, const char* argument, const Values&... values) 
   return status;
 }
 
+// Writes one message of `pieces` under `tag` (for example "RegistryState"),
+// for the few messages that are not in the composed form.
+template <typename... Pieces>
+void LogUnder(const char* tag, const Pieces&... pieces) {
+  auto& out = GetLogger().LogError(KTString(tag));
+  (void)(out << ... << pieces);
+  out << OPCODE_END_OF_MESSAGE;
+}
+
+// Writes a composed message whose head is a word instead of a status name:
+// "status" or "state" for a status passed through from a callee.
+template <typename... Values>
+KT_STATUS PassOn(KT_STATUS status, const char* word, const char* argument,
+                 const Values&... values) {
+  ComposeMessage(GetLogger(), word, argument, values...);
+  return status;
+}
+
 // True when KT_LOG_ONLOAD_CALLS_TO_CONSOLE is set and starts with '1'.
 bool ConsoleTraceRequested();
 

@@ -134,6 +134,16 @@ Path* Path::GetChild(unsigned long handle, unsigned char flags) {
   return CreateChild(handle, std::string(), flags);
 }
 
+Path* Path::GetChildNamed(const std::string& name, unsigned char flags) {
+  {
+    ReadGuard hold(m_lock);
+    auto it = m_childrenByName.find(name);
+    if (it != m_childrenByName.end()) return it->second.target;
+  }
+  if ((flags & kPathCreate) == 0) return nullptr;
+  return CreateChild(0, name, flags);
+}
+
 Path* Path::CreateChild(unsigned long handle, const std::string& name, unsigned char flags) {
   Path* child = nullptr;
   {
@@ -268,6 +278,11 @@ unsigned int Path::UnlinkTarget(Path* target, unsigned int expected) {
     EraseIfTarget(m_childrenByName, target->m_name, target, PathLink::kSymlink);
   }
   return removed;
+}
+
+bool Path::HasChildren() {
+  ReadGuard hold(m_lock);
+  return !m_childrenByHandle.empty();
 }
 
 unsigned long Path::ChildCount() {

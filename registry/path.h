@@ -61,6 +61,9 @@ class Path {
   Path* GetChild(const char* path, unsigned char flags, const char** rest = nullptr);
   // Finds the child filed under `handle`; with kPathCreate makes an unnamed one.
   Path* GetChild(unsigned long handle, unsigned char flags);
+  // Finds the child named `name`, taken whole (separators are part of it, as
+  // in SetName); with kPathCreate makes it when it is missing.
+  Path* GetChildNamed(const std::string& name, unsigned char flags);
 
   // Makes an owned child. A handle of 0 gets a new one (CreateHandle). Unless
   // `registerHandle` is false the child is linked into the root's "handles".
@@ -80,6 +83,8 @@ class Path {
   // owned child is never removed this way).
   bool RemoveSymlink(unsigned long handle);
 
+  // Whether the node has any child, listed or not, owned or linked.
+  bool HasChildren();
   // The number of listed children, owned or linked.
   unsigned long ChildCount();
   // Writes the handles of up to `count` listed children, in child order.

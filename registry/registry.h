@@ -66,6 +66,11 @@ class Registry : public Path {
   bool m_notificationsEnabled;
 };
 
+// The registry `node` belongs to; null for a node of a bare tree.
+inline Registry* RegistryOf(const Path* node) {
+  return static_cast<Registry*>(node->GetRegistry());
+}
+
 }  // namespace MetricsFramework
 
 #endif  // KT_REGISTRY_REGISTRY_H_

@@ -1,0 +1,48 @@
+// The buffer interfaces through which samples and remote calls travel.
+//
+// A writer reserves space, fills it and commits it; committed blocks queue up
+// in commit order. A reader takes the oldest committed block with GetData and
+// releases it with MakeAvailable. A buffer belongs to the conduit that made it;
+// its users borrow it. Which operations may run on which threads is the
+// implementation's: the library's queue buffer takes one producer and a
+// pushing side that may run on another thread.
+//
+// The slot numbers in the comments are a binary contract: never insert, remove
+// or reorder.
+#ifndef KT_BUFFER_H_
+#define KT_BUFFER_H_
+
+namespace MetricsFramework {
+
+class IReadBuffer {
+ public:
+  // Slot 0: the oldest committed block and its size; null and 0 when there is
+  // none. The block stays queued until MakeAvailable.
+  virtual void GetData(const void** data, unsigned long* size) const = 0;
+  // Slot 1: releases a block obtained from GetData.
+  virtual void MakeAvailable(const void* data) const = 0;
+  virtual ~IReadBuffer() {}  // slots 2, 3
+};
+
+class IWriteBuffer {
+ public:
+  // Slot 0: delivers what has been committed.
+  virtual void Flush() = 0;
+  // Slot 1: writable memory of `size` bytes, to be committed.
+  virtual void* Reserve(unsigned long size) = 0;
+  // Slot 2: queues a reserved block.
+  virtual void Commit(void* data) = 0;
+  // Slot 3: hands a time-based sample straight to the consumers, unqueued.
+  virtual void CommitTimeBasedMetric(void* data) = 0;
+  virtual ~IWriteBuffer() {}  // slots 4, 5
+};
+
+// Both faces of one buffer; IReadBuffer is the first base.
+class IReadWriteBuffer : public IReadBuffer, public IWriteBuffer {
+ public:
+  ~IReadWriteBuffer() override {}
+};
+
+}  // namespace MetricsFramework
+
+#endif  // KT_BUFFER_H_

@@ -1,0 +1,47 @@
+// IConduit: the extension that supplies the buffers through which metric data
+// travels and carries remote-method transactions.
+//
+// A conduit owns every buffer it makes; CreateBuffer lends one to a metric
+// binding and DestroyBuffer takes it back. Transact runs synchronously on the
+// caller's thread. The slot numbers are a binary contract: never insert,
+// remove or reorder.
+#ifndef KT_CONDUIT_H_
+#define KT_CONDUIT_H_
+
+#include <cstring>
+
+#include "kt/buffer.h"
+#include "kt/extension.h"
+#include "kt/status.h"
+
+namespace MetricsFramework {
+
+class IConduit : public virtual IKTExtensionBase {
+ public:
+  // Slot 0: answers "IConduit" with this object, "IKTExtensionBase" and
+  // "IExtension" with its extension base.
+  void* CastTo(const char* name) override {
+    if (std::strcmp(name, "IConduit") == 0) return static_cast<IConduit*>(this);
+    return IKTExtensionBase::CastTo(name);
+  }
+  // Slot 1: a subscription through this conduit started.
+  virtual void OnSubscribed(unsigned long handle) = 0;
+  // Slot 2: a subscription through this conduit ended.
+  virtual void OnUnsubscribed(unsigned long handle) = 0;
+  // Slot 3: lends a buffer to the binding `bindingHandle`; stores it in
+  // *outBuffer and returns KT_STATUS_SUCCESS.
+  virtual KT_STATUS CreateBuffer(unsigned long bindingHandle, IReadWriteBuffer** outBuffer) = 0;
+  // Slot 4: takes back a buffer made by CreateBuffer.
+  virtual void DestroyBuffer(IReadWriteBuffer* buffer) = 0;
+  // Slot 5: runs the remote method `methodHandle` with `request`; its results
+  // are in `reply` when this returns.
+  virtual KT_STATUS Transact(unsigned long methodHandle, const IReadBuffer* request,
+                             IWriteBuffer* reply) = 0;
+  // Slot 6: the handle under which the far side knows this conduit.
+  virtual unsigned long GetRemoteHandle() = 0;
+  ~IConduit() override {}  // slots 7, 8
+};
+
+}  // namespace MetricsFramework
+
+#endif  // KT_CONDUIT_H_

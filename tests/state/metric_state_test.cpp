@@ -1,0 +1,98 @@
+#include "state/metric_state.h"
+
+#include <gtest/gtest.h>
+
+#include "state/consumer_state.h"
+#include "state_fakes.h"
+
+namespace MetricsFramework {
+namespace {
+
+using namespace testing_fakes;
+
+class MetricStateTest : public ::testing::Test {
+ protected:
+  MetricState* Make(const Metric::Description& desc) {
+    return new MetricState(desc, registry.GetChild(("publishers/p/" + desc.uri).c_str(), kPathCreate));
+  }
+  Path* Conduit(const char* name) {
+    return registry.GetChild((std::string("conduits/") + name).c_str(), kPathCreate | kPathUnlisted);
+  }
+  void AddConsumer(const char* name, IConsumer* consumer) {
+    new ConsumerState(consumer, registry.GetChild((std::string("consumers/") + name).c_str(),
+                                                  kPathCreate));
+  }
+
+  Registry registry;
+};
+
+TEST_F(MetricStateTest, DescriptionReadsBackWholeAndAvailable) {
+  const Metric::Description given = FullDescription("m");
+
+  MetricState* state = Make(given);
+  const Metric::Description back = *state;
+
+  EXPECT_EQ(back.flags, given.flags | Metric::kFlagAvailable);
+  EXPECT_EQ(back.id, given.id);
+  EXPECT_EQ(back.list1, given.list1);
+  EXPECT_EQ(back.uri, "m");
+  EXPECT_EQ(back.text5, given.text5);
+  EXPECT_EQ(back.text6, given.text6);
+  EXPECT_EQ(back.block[1], given.block[1]);
+  EXPECT_EQ(back.byte3, given.byte3);
+  EXPECT_EQ(back.word5, given.word5);
+  EXPECT_EQ(state->m_type, RESOURCE_TYPE_METRIC);
+  EXPECT_EQ(Make(FullDescription("probe", Metric::kFlagProbe))->m_type,
+            RESOURCE_TYPE_PROBE_METRIC);
+}
+
+TEST_F(MetricStateTest, BoundBitStaysUntilTheLastBindingGoes) {
+  MetricState* state = Make(FullDescription("m"));
+  Path* first = Conduit("a");
+  Path* second = Conduit("b");
+  EXPECT_EQ(state->Unbind(first), KT_STATUS_INVALID_OBJECT);
+
+  state->Bind(first);
+  state->Bind(second);
+  state->Unbind(first);
+  const bool boundWithOneLeft = state->m_description.flags & Metric::kFlagBound;
+  state->Unbind(second);
+
+  EXPECT_TRUE(boundWithOneLeft);
+  EXPECT_FALSE(state->m_description.flags & Metric::kFlagBound);
+  EXPECT_FALSE(state->m_path->GetChild("bindings", 0)->HasChildren());
+}
+
+TEST_F(MetricStateTest, AvailabilityNoticesReachListeningConsumersAndTheRegistry) {
+  ListeningConsumer byCast;
+  AskedListenerConsumer byName;
+  RecordingConsumer deaf;
+  AddConsumer("cast", &byCast);
+  AddConsumer("name", &byName);
+  AddConsumer("deaf", &deaf);
+  EventLog events;
+  events.Listen(registry);
+  MetricState* state = Make(FullDescription("m"));
+  const unsigned long h = state->m_path->GetHandle();
+
+  state->UpdateAvailablity(false);
+  state->UpdateAvailablity(true);
+
+  using Notices = std::vector<std::pair<unsigned long, bool>>;
+  EXPECT_EQ(byCast.notices, (Notices{{h, false}, {h, true}}));
+  EXPECT_EQ(byName.listener.notices, (Notices{{h, false}, {h, true}}));
+  EXPECT_EQ(events.events, (Events{{4, h}, {3, h}}));
+  EXPECT_TRUE(state->m_description.flags & Metric::kFlagAvailable);
+}
+
+TEST_F(MetricStateTest, DestroyingAnUnboundMetricTouchesNothing) {
+  MetricState* state = Make(FullDescription("m"));
+  const unsigned long h = state->m_path->GetHandle();
+
+  delete state->m_path;
+
+  EXPECT_EQ(registry.ResolveHandle(h), nullptr);
+}
+
+}  // namespace
+}  // namespace MetricsFramework

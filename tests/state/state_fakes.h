@@ -1,0 +1,207 @@
+// Fakes shared by the state tests: a publisher that counts its calls, the bound
+// metrics it makes, a conduit with a trivial buffer, consumers, and a recorder
+// of the registry's state events.
+#ifndef KT_TESTS_STATE_STATE_FAKES_H_
+#define KT_TESTS_STATE_STATE_FAKES_H_
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kt/buffer.h"
+#include "kt/conduit.h"
+#include "kt/consumer.h"
+#include "kt/metric.h"
+#include "kt/probe.h"
+#include "registry/registry.h"
+#include "state/publisher_state.h"
+
+namespace MetricsFramework {
+namespace testing_fakes {
+
+class FakeBoundMetric : public IBoundMetric {
+ public:
+  explicit FakeBoundMetric(unsigned long metric) : metric(metric) {}
+  void AttachBuffer(unsigned long conduit, IWriteBuffer* buffer) override {
+    calls.push_back("attach " + std::to_string(conduit));
+    attached = buffer;
+  }
+  void DetachBuffer(unsigned long conduit) override {
+    calls.push_back("detach " + std::to_string(conduit));
+    attached = nullptr;
+  }
+  unsigned long GetMetricHandle() override { return metric; }
+  bool IsAttached(unsigned long) override { return attached != nullptr; }
+  void Flush(unsigned long conduit) override { calls.push_back("flush " + std::to_string(conduit)); }
+
+  unsigned long metric;
+  IWriteBuffer* attached = nullptr;
+  std::vector<std::string> calls;
+};
+
+// A probe publisher that counts its calls; `refuseBinding` makes BindMetric
+// answer null, and CreateProbe answers `probeToMake`.
+class FakePublisher : public IProbePublisher {
+ public:
+  IBoundMetric* BindMetric(unsigned long metric, Path*, IReadWriteBuffer*, IBoundMetric**) override {
+    ++binds;
+    if (refuseBinding) return nullptr;
+    bound.push_back(std::make_unique<FakeBoundMetric>(metric));
+    return bound.back().get();
+  }
+  void UnbindMetric(unsigned long, IBoundMetric* metric) override {
+    ++unbinds;
+    lastUnbound = metric;
+  }
+  void OnLoad() override {}
+  void OnUnload() override {}
+  Metrics::IProbe* CreateProbe(void*, unsigned long type) override {
+    lastProbeType = type;
+    return probeToMake;
+  }
+
+  bool refuseBinding = false;
+  int binds = 0;
+  int unbinds = 0;
+  IBoundMetric* lastUnbound = nullptr;
+  unsigned long lastProbeType = 0;
+  Metrics::IProbe* probeToMake = nullptr;
+  std::vector<std::unique_ptr<FakeBoundMetric>> bound;
+};
+
+// A publisher that offers no probe face at all (neither cast nor CastTo).
+class PlainPublisher : public IPublisher {
+ public:
+  IBoundMetric* BindMetric(unsigned long, Path*, IReadWriteBuffer*, IBoundMetric**) override {
+    return nullptr;
+  }
+  void UnbindMetric(unsigned long, IBoundMetric*) override {}
+  void OnLoad() override {}
+  void OnUnload() override {}
+};
+
+class FakeBuffer : public IReadWriteBuffer {
+ public:
+  void GetData(const void** data, unsigned long* size) const override {
+    *data = nullptr;
+    if (size != nullptr) *size = 0;
+  }
+  void MakeAvailable(const void*) const override {}
+  void Flush() override { ++flushes; }
+  void* Reserve(unsigned long) override { return nullptr; }
+  void Commit(void*) override {}
+  void CommitTimeBasedMetric(void*) override {}
+  int flushes = 0;
+};
+
+class FakeConduit : public IConduit {
+ public:
+  void OnSubscribed(unsigned long) override {}
+  void OnUnsubscribed(unsigned long) override {}
+  KT_STATUS CreateBuffer(unsigned long, IReadWriteBuffer** out) override {
+    if (createStatus != KT_STATUS_SUCCESS) return createStatus;
+    buffers.push_back(std::make_unique<FakeBuffer>());
+    *out = buffers.back().get();
+    return KT_STATUS_SUCCESS;
+  }
+  void DestroyBuffer(IReadWriteBuffer* buffer) override { returned.push_back(buffer); }
+  KT_STATUS Transact(unsigned long, const IReadBuffer*, IWriteBuffer*) override { return 0; }
+  unsigned long GetRemoteHandle() override { return GetHandle(); }
+
+  KT_STATUS createStatus = KT_STATUS_SUCCESS;
+  std::vector<std::unique_ptr<FakeBuffer>> buffers;
+  std::vector<IReadWriteBuffer*> returned;
+};
+
+// Records every sample it is given.
+class RecordingConsumer : public IConsumer {
+ public:
+  void OnMetricUpdated(unsigned int count, unsigned long* handles, const unsigned long* tags,
+                       const void** data, unsigned long* sizes) override {
+    for (unsigned int i = 0; i < count; ++i) {
+      samples.push_back({handles[i], tags[i], data[i], sizes == nullptr});
+    }
+  }
+  struct Sample {
+    unsigned long handle;
+    unsigned long tag;
+    const void* data;
+    bool withoutSizes;
+  };
+  std::vector<Sample> samples;
+};
+
+// A consumer that hears availability changes through inheritance.
+class ListeningConsumer : public RecordingConsumer, public IMetricStateListener {
+ public:
+  void* CastTo(const char* name) override { return RecordingConsumer::CastTo(name); }
+  void OnMetricAvailable(unsigned long handle, Path*) override { notices.push_back({handle, true}); }
+  void OnMetricUnavailable(unsigned long handle, Path*) override {
+    notices.push_back({handle, false});
+  }
+  std::vector<std::pair<unsigned long, bool>> notices;
+};
+
+// A consumer whose listener face is reached only through CastTo.
+class AskedListenerConsumer : public RecordingConsumer {
+ public:
+  class Listener : public IMetricStateListener {
+   public:
+    void* CastTo(const char*) override { return nullptr; }
+    void OnMetricAvailable(unsigned long handle, Path*) override {
+      notices.push_back({handle, true});
+    }
+    void OnMetricUnavailable(unsigned long handle, Path*) override {
+      notices.push_back({handle, false});
+    }
+    std::vector<std::pair<unsigned long, bool>> notices;
+  };
+  void* CastTo(const char* name) override {
+    if (std::string(name) == "IMetricStateListener") return &listener;
+    return RecordingConsumer::CastTo(name);
+  }
+  Listener listener;
+};
+
+// Keeps the state events the registry sends, as (event, handle).
+struct EventLog {
+  static void Record(void* context, unsigned int event, unsigned long a, unsigned long) {
+    static_cast<EventLog*>(context)->events.emplace_back(event, a);
+  }
+  void Listen(Registry& registry) { registry.AddStateListener(&EventLog::Record, this); }
+  std::vector<std::pair<unsigned int, unsigned long>> events;
+};
+
+using Events = std::vector<std::pair<unsigned int, unsigned long>>;
+
+// A description with every field set, named `uri`.
+inline Metric::Description FullDescription(const std::string& uri, unsigned int flags = 0) {
+  Metric::Description d;
+  d.id = 17;
+  d.flags = flags | 0x100;
+  d.list1 = {1, 2};
+  d.word1 = 3;
+  d.word2 = 5;
+  d.byte1 = 6;
+  d.uri = uri;
+  d.text1 = "one";
+  d.text2 = "two";
+  d.text3 = "three";
+  d.text4 = "four";
+  d.text5 = "five";
+  d.word3 = 7;
+  d.text6 = "six";
+  d.byte2 = 8;
+  d.block[0] = 0x1111;
+  d.block[1] = 0x2222;
+  d.byte3 = 9;
+  d.word4 = 10;
+  d.word5 = 11;
+  return d;
+}
+
+}  // namespace testing_fakes
+}  // namespace MetricsFramework
+
+#endif  // KT_TESTS_STATE_STATE_FAKES_H_
