@@ -1,6 +1,6 @@
 #include "state/conduit_state.h"
 
-#include <vector>
+#include <algorithm>
 
 #include "host/diagnostics.h"
 #include "kt/consumer.h"
@@ -25,22 +25,108 @@ PublisherState* PublisherOf(Path* metricPath) {
   return dynamic_cast<PublisherState*>(metric->m_owner->GetPayload());
 }
 
+ConsumerState* ConsumerOf(Path* node) {
+  return node != nullptr ? dynamic_cast<ConsumerState*>(node->GetPayload()) : nullptr;
+}
+
+// The handles of the children of `node`, copied under its read lock, so that
+// the caller can call out without holding it.
+std::vector<unsigned long> ChildHandles(Path* node) {
+  std::vector<unsigned long> handles;
+  if (node != nullptr) node->ForEachChild([&](Path* child) { handles.push_back(child->GetHandle()); });
+  return handles;
+}
+
+// Gives back the oldest sample of `buffer`, which will not be delivered: left
+// queued, the metric would lag one sample behind forever.
+void ReleaseOldest(const IReadBuffer* buffer) {
+  const void* data = nullptr;
+  buffer->GetData(&data, nullptr);
+  if (data != nullptr) buffer->MakeAvailable(data);
+}
+
 }  // namespace
 
-ConduitState::ConduitState(IConduit* conduit, Path* path) : PathData(path), m_conduit(conduit) {}
+// The entries one push delivers, as parallel arrays shared by every consumer.
+struct ConduitState::Cycle {
+  std::vector<unsigned long> handles;
+  std::vector<unsigned long> tags;
+  std::vector<const void*> data;
+  std::vector<unsigned long> sizes;
+  std::vector<const IReadBuffer*> buffers;
+};
+
+ConduitState::ConduitState(IConduit* conduit, Path* path)
+    : PathData(path), m_conduit(conduit), m_groupingLock(true), m_collectionLock(true) {}
 
 ConduitState::~ConduitState() {
-  Path* bindings = m_path != nullptr ? m_path->GetChild("bindings", 0) : nullptr;
-  if (bindings == nullptr) return;
-  // Collected first and unbound after the lock is released: a metric being
-  // destroyed at the same time comes back here to delete its binding.
-  std::vector<unsigned long> metrics;
-  bindings->ForEachChild([&](Path* binding) { metrics.push_back(binding->GetHandle()); });
-  for (unsigned long metric : metrics) {
+  if (m_path == nullptr) return;
+  // Bindings first, so that every publisher stops writing into this
+  // conduit's buffers; each is looked up again after the lock is released,
+  // since a metric being destroyed at the same time deletes its own.
+  Path* bindings = m_path->GetChild("bindings", 0);
+  for (unsigned long metric : ChildHandles(bindings)) {
     Path* binding = bindings->GetChild(metric, 0);
-    if (binding == nullptr) continue;
-    if (auto* state = dynamic_cast<MetricBindingState*>(binding->GetPayload())) state->Unbind();
+    auto* state = binding != nullptr ? dynamic_cast<MetricBindingState*>(binding->GetPayload())
+                                     : nullptr;
+    if (state != nullptr) state->Unbind();
   }
+  Path* subscriptions = m_path->GetChild("subscriptions", 0);
+  for (unsigned long consumer : ChildHandles(subscriptions)) {
+    if (ConsumerState* state = ConsumerOf(subscriptions->GetChild(consumer, 0))) {
+      state->Unsubscribe(m_path);
+    }
+  }
+  // One table at a time: holding all four locks together deadlocks against a
+  // grouped push that holds two of them.
+  {
+    WriteGuard hold(m_tags);
+    m_tags.map.clear();
+  }
+  {
+    WriteGuard hold(m_groups);
+    m_groups.map.clear();
+  }
+  {
+    WriteGuard hold(m_groupingLock);
+    m_groupTemplate.clear();
+    m_groupExpected.clear();
+    m_batchMetrics.clear();
+  }
+  WriteGuard hold(m_collectionLock);
+  m_collectedHandles.clear();
+  m_collectedBuffers.clear();
+  m_pending.clear();
+}
+
+KT_STATUS ConduitState::Subscribe(unsigned long consumerHandle) {
+  if (consumerHandle == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer", consumerHandle);
+  Registry* registry = RegistryOf(m_path);
+  Path* consumer = registry != nullptr ? registry->ResolveHandle(consumerHandle) : nullptr;
+  ConsumerState* state = ConsumerOf(consumer);
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer", consumerHandle);
+  Path* subscriptions = m_path->GetChild("subscriptions", kPrivateNode);
+  if (subscriptions->GetChild(consumerHandle, 0) != nullptr) return KT_STATUS_ALREADY_EXISTS;
+  subscriptions->AddSymlink(consumer);
+  if (state->IsConsumer2()) m_path->GetChild("batch_subscriptions", kPrivateNode)->AddSymlink(consumer);
+  return state->Subscribe(m_path);
+}
+
+KT_STATUS ConduitState::Unsubscribe(unsigned long consumerHandle) {
+  if (consumerHandle == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer", consumerHandle);
+  Path* subscriptions = m_path->GetChild("subscriptions", 0);
+  if (subscriptions == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "subPath", consumerHandle);
+  ConsumerState* state = ConsumerOf(subscriptions->GetChild(consumerHandle, 0));
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "path", consumerHandle);
+  const KT_STATUS status = state->Unsubscribe(m_path);
+  if (state->IsConsumer2()) {
+    Path* batch = m_path->GetChild("batch_subscriptions", 0);
+    // Deliberately, as it stands: the entry stays in "subscriptions".
+    if (batch == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "batchSubPath", consumerHandle);
+    batch->RemoveSymlink(consumerHandle);
+  }
+  subscriptions->RemoveSymlink(consumerHandle);
+  return status;
 }
 
 KT_STATUS ConduitState::Bind(Path* metricPath, unsigned long metricHandle) {
@@ -79,7 +165,11 @@ KT_STATUS ConduitState::Unbind(unsigned long metricHandle) {
                                    : nullptr;
   if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "metric", metricHandle);
   state->Unbind();
-  m_conduit->DestroyBuffer(state->GetBuffer());
+  // The push tables must not keep the metric: its samples would stay in a
+  // group's collection beside the buffer that goes back to the pool, and the
+  // group would wait forever for a member that is gone.
+  ForgetMetric(metricHandle);
+  if (IReadWriteBuffer* buffer = state->TakeBuffer()) m_conduit->DestroyBuffer(buffer);
   Registry* registry = RegistryOf(m_path);
   if (registry == nullptr || registry->ResolveHandle(metricHandle) == nullptr) {
     // Deliberately so: the emptied binding stays when the metric is no longer
@@ -88,6 +178,44 @@ KT_STATUS ConduitState::Unbind(unsigned long metricHandle) {
   }
   delete binding;
   return KT_STATUS_SUCCESS;
+}
+
+void ConduitState::ForgetMetric(unsigned long metricHandle) {
+  std::pair<unsigned long, unsigned int> group{0, kUngrouped};
+  {
+    ReadGuard hold(m_groups);
+    auto it = m_groups.map.find(metricHandle);
+    if (it != m_groups.map.end()) group = it->second;
+  }
+  if (group.second != kUngrouped) {
+    WriteGuard hold(m_groupingLock);
+    m_groupTemplate[group.first][group.second].erase(metricHandle);
+    m_groupExpected[group.first][group.second].erase(metricHandle);
+  }
+  {
+    WriteGuard hold(m_collectionLock);
+    if (group.second != kUngrouped) {
+      // Handles and buffers are parallel: a pair goes together or not at all.
+      std::vector<unsigned long>& handles = m_collectedHandles[group.first][group.second];
+      std::vector<const IReadBuffer*>& buffers = m_collectedBuffers[group.first][group.second];
+      size_t kept = 0;
+      for (size_t i = 0; i < handles.size() && i < buffers.size(); ++i) {
+        if (handles[i] == metricHandle) continue;
+        handles[kept] = handles[i];
+        buffers[kept] = buffers[i];
+        ++kept;
+      }
+      handles.resize(kept);
+      buffers.resize(kept);
+    }
+    m_pending.erase(metricHandle);
+  }
+  {
+    WriteGuard hold(m_tags);
+    m_tags.map.erase(metricHandle);
+  }
+  WriteGuard hold(m_groups);
+  m_groups.map.erase(metricHandle);
 }
 
 KT_STATUS ConduitState::FlushMetrics() {
@@ -99,21 +227,141 @@ KT_STATUS ConduitState::FlushMetrics() {
   return KT_STATUS_SUCCESS;
 }
 
-KT_STATUS ConduitState::PushDataForTimeBasedMetric(unsigned long metricHandle, void* data) {
+bool ConduitState::LookUpTag(unsigned long metricHandle, unsigned long* tag) {
+  ReadGuard hold(m_tags);
+  auto it = m_tags.map.find(metricHandle);
+  if (it == m_tags.map.end()) return false;
+  *tag = it->second;
+  return true;
+}
+
+KT_STATUS ConduitState::PushData(unsigned long metricHandle, const IReadBuffer* buffer) {
+  std::pair<unsigned long, unsigned int> group;
+  {
+    ReadGuard hold(m_groups);
+    auto it = m_groups.map.find(metricHandle);
+    if (it == m_groups.map.end()) {
+      ReleaseOldest(buffer);
+      return KT_STATUS_INVALID_ARGUMENT;
+    }
+    group = it->second;
+  }
+  if (group.second == kUngrouped) return PushUngrouped(metricHandle, buffer);
+  Cycle cycle;
+  if (CollectGrouped(metricHandle, buffer, group, &cycle)) Deliver(cycle);
+  return KT_STATUS_SUCCESS;
+}
+
+bool ConduitState::CollectGrouped(unsigned long metricHandle, const IReadBuffer* buffer,
+                                  std::pair<unsigned long, unsigned int> group, Cycle* cycle) {
+  WriteGuard grouping(m_groupingLock);
+  WriteGuard collection(m_collectionLock);
+  m_pending[metricHandle] = buffer;
+  std::unordered_set<unsigned long>& expected = m_groupExpected[group.first][group.second];
+  std::vector<unsigned long>& handles = m_collectedHandles[group.first][group.second];
+  std::vector<const IReadBuffer*>& buffers = m_collectedBuffers[group.first][group.second];
+
+  const bool wasExpected = expected.erase(metricHandle) != 0;
+  if (wasExpected) {
+    handles.push_back(metricHandle);
+    buffers.push_back(buffer);
+    if (!expected.empty()) return false;  // the cycle waits for its other members
+  }
+  // The cycle is complete, or ends early because this member's sample for it
+  // has already arrived (or no cycle has started yet).
+  for (size_t i = 0; i < handles.size(); ++i) {
+    unsigned long tag = 0;
+    const void* data = nullptr;
+    unsigned long size = 0;
+    if (!LookUpTag(handles[i], &tag)) {
+      ReleaseOldest(buffers[i]);  // a member without a tag is left out, not left behind
+      continue;
+    }
+    buffers[i]->GetData(&data, &size);
+    if (data == nullptr) continue;
+    cycle->handles.push_back(handles[i]);
+    cycle->tags.push_back(tag);
+    cycle->data.push_back(data);
+    cycle->sizes.push_back(size);
+    cycle->buffers.push_back(buffers[i]);
+  }
+  handles.clear();
+  buffers.clear();
+  expected = m_groupTemplate[group.first][group.second];
+  if (!wasExpected) {
+    // This sample opens the next cycle.
+    handles.push_back(metricHandle);
+    buffers.push_back(buffer);
+    expected.erase(metricHandle);
+  }
+  return !cycle->handles.empty();
+}
+
+void ConduitState::CallConsumers(unsigned int count, unsigned long* handles,
+                                 const unsigned long* tags, const void** data,
+                                 unsigned long* sizes) {
   Path* subscriptions = m_path->GetChild("subscriptions", 0);
-  if (subscriptions == nullptr) return KT_STATUS_SUCCESS;
-  // Consumers are called one push at a time: the write lock, re-entered as a
-  // read by the walk.
+  if (subscriptions == nullptr) return;  // delivers to nobody
   WriteGuard hold(subscriptions->GetLock());
-  unsigned long handle = metricHandle;
-  const unsigned long tag = kTimeBasedTag;
-  const void* sample = data;
   subscriptions->ForEachChild([&](Path* node) {
-    auto* state = dynamic_cast<ConsumerState*>(node->GetPayload());
+    ConsumerState* state = ConsumerOf(node);
     if (state != nullptr && state->GetConsumer() != nullptr) {
-      state->GetConsumer()->OnMetricUpdated(1, &handle, &tag, &sample, nullptr);
+      state->GetConsumer()->OnMetricUpdated(count, handles, tags, data, sizes);
     }
   });
+}
+
+void ConduitState::Deliver(Cycle& cycle) {
+  // One call per consumer for the whole cycle; the samples go back to their
+  // buffers after every consumer has been called.
+  CallConsumers(static_cast<unsigned int>(cycle.handles.size()), cycle.handles.data(),
+                cycle.tags.data(), cycle.data.data(), cycle.sizes.data());
+  for (size_t i = 0; i < cycle.buffers.size(); ++i) cycle.buffers[i]->MakeAvailable(cycle.data[i]);
+}
+
+KT_STATUS ConduitState::PushUngrouped(unsigned long metricHandle, const IReadBuffer* buffer) {
+  unsigned long tag = 0;
+  if (!LookUpTag(metricHandle, &tag)) {
+    ReleaseOldest(buffer);
+    return KT_STATUS_DOES_NOT_EXIST;
+  }
+  const void* data = nullptr;
+  unsigned long size = 0;
+  buffer->GetData(&data, &size);
+  if (data == nullptr) return KT_STATUS_SUCCESS;  // nothing queued: nothing to deliver
+  bool batched;
+  {
+    ReadGuard hold(m_groupingLock);
+    batched = m_batchMetrics.count(metricHandle) != 0;
+  }
+  if (batched) {
+    Path* batch = m_path->GetChild("batch_subscriptions", 0);
+    if (batch != nullptr) {
+      WriteGuard hold(batch->GetLock());
+      batch->ForEachChild([&](Path* node) {
+        ConsumerState* state = ConsumerOf(node);
+        IConsumer2* consumer = state != nullptr ? BatchedFaceOf(state->GetConsumer()) : nullptr;
+        if (consumer != nullptr) consumer->OnBatchMetricUpdated(metricHandle, tag, data);
+      });
+    }
+  } else {
+    CallConsumers(1, &metricHandle, &tag, &data, &size);
+  }
+  buffer->MakeAvailable(data);
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS ConduitState::PushDataForTimeBasedMetric(unsigned long metricHandle, void* data) {
+  // Deliberately a fixed tag and no sizes: that marks a time-based sample.
+  const unsigned long tag = kTimeBasedTag;
+  const void* sample = data;
+  CallConsumers(1, &metricHandle, &tag, &sample, nullptr);
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS ConduitState::AddBatchMetric(unsigned long metricHandle) {
+  WriteGuard hold(m_groupingLock);
+  m_batchMetrics.insert(metricHandle);
   return KT_STATUS_SUCCESS;
 }
 

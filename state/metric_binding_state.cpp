@@ -29,20 +29,22 @@ KT_STATUS MetricBindingState::Bind(unsigned long metric, ConduitState* conduit,
 }
 
 void MetricBindingState::Unbind() {
-  if (conduitHandle == 0) return;
+  // Taken before the publisher is called: a re-entry from the publisher or a
+  // concurrent unsubscribe finds 0 and does not unbind twice.
+  const unsigned long conduitNode = conduitHandle.exchange(0);
+  if (conduitNode == 0) return;
   Registry* registry = RegistryOf(m_path);
-  Path* conduit = registry != nullptr ? registry->ResolveHandle(conduitHandle) : nullptr;
+  Path* conduit = registry != nullptr ? registry->ResolveHandle(conduitNode) : nullptr;
   Path* publisher = registry != nullptr ? registry->ResolveHandle(publisherHandle) : nullptr;
   auto* state = publisher != nullptr ? dynamic_cast<PublisherState*>(publisher->GetPayload())
                                      : nullptr;
   if (conduit != nullptr && state != nullptr) {
     state->Unbind(m_path->GetHandle(), conduit, boundMetric);
   }
-  conduitHandle = 0;
 }
 
 KT_STATUS MetricBindingState::Flush() {
-  if (boundMetric != nullptr) boundMetric->Flush(conduitHandle);
+  if (boundMetric != nullptr) boundMetric->Flush(conduitHandle.load());
   if (m_buffer != nullptr) m_buffer->Flush();
   return KT_STATUS_SUCCESS;
 }

@@ -5,6 +5,8 @@
 #ifndef KT_STATE_METRIC_BINDING_STATE_H_
 #define KT_STATE_METRIC_BINDING_STATE_H_
 
+#include <atomic>
+
 #include "kt/buffer.h"
 #include "kt/publisher.h"
 #include "kt/status.h"
@@ -24,15 +26,23 @@ class MetricBindingState : public PathData {
   // publisher's status is returned and nothing is recorded.
   KT_STATUS Bind(unsigned long metricHandle, ConduitState* conduit, PublisherState* publisher,
                  IReadWriteBuffer* buffer);
-  // Has the publisher drop the bound metric; a second call does nothing.
+  // Has the publisher drop the bound metric; a second call, also one made
+  // from inside the publisher or from another thread meanwhile, does nothing.
   void Unbind();
   // Asks the publisher to write out what it holds, then flushes the buffer.
   KT_STATUS Flush();
   IReadWriteBuffer* GetBuffer() { return m_buffer; }
+  // Hands the buffer back once: after this the binding holds none, so that
+  // the buffer can never be returned to its conduit twice.
+  IReadWriteBuffer* TakeBuffer() {
+    IReadWriteBuffer* buffer = m_buffer;
+    m_buffer = nullptr;
+    return buffer;
+  }
 
  private:
   unsigned long publisherHandle;
-  unsigned long conduitHandle;  // 0 once unbound
+  std::atomic<unsigned long> conduitHandle;  // 0 once unbound
   IReadWriteBuffer* m_buffer;
   IBoundMetric* boundMetric;
   unsigned long metricHandle;

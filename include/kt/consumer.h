@@ -4,7 +4,9 @@
 // Samples arrive on the pushing thread (usually the publisher's), one push at a
 // time per conduit, while the library holds the lock of the conduit's
 // subscriptions: a consumer must not subscribe or unsubscribe from inside a
-// callback. The data pointers are valid only during the call. The slot numbers
+// callback, and must not commit into a buffer that pushes on commit (two
+// consumers feeding each other that way deadlock). The data pointers are valid
+// only during the call. The slot numbers
 // are a binary contract: never insert, remove or reorder.
 #ifndef KT_CONSUMER_H_
 #define KT_CONSUMER_H_

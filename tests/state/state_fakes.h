@@ -114,22 +114,29 @@ class FakeConduit : public IConduit {
   std::vector<IReadWriteBuffer*> returned;
 };
 
-// Records every sample it is given.
+// Records every call and every sample it is given (the bytes are copied: the
+// samples go back to their buffers after the call).
 class RecordingConsumer : public IConsumer {
  public:
-  void OnMetricUpdated(unsigned int count, unsigned long* handles, const unsigned long* tags,
-                       const void** data, unsigned long* sizes) override {
-    for (unsigned int i = 0; i < count; ++i) {
-      samples.push_back({handles[i], tags[i], data[i], sizes == nullptr});
-    }
-  }
   struct Sample {
     unsigned long handle;
     unsigned long tag;
     const void* data;
     bool withoutSizes;
+    std::string bytes;
   };
+  void OnMetricUpdated(unsigned int count, unsigned long* handles, const unsigned long* tags,
+                       const void** data, unsigned long* sizes) override {
+    calls.emplace_back();
+    for (unsigned int i = 0; i < count; ++i) {
+      Sample sample{handles[i], tags[i], data[i], sizes == nullptr, ""};
+      if (sizes != nullptr) sample.bytes.assign(static_cast<const char*>(data[i]), sizes[i]);
+      samples.push_back(sample);
+      calls.back().push_back(sample);
+    }
+  }
   std::vector<Sample> samples;
+  std::vector<std::vector<Sample>> calls;
 };
 
 // A consumer that hears availability changes through inheritance.
