@@ -1,7 +1,9 @@
 // A stand-in for the extension manager's routing, shared by the tests: it owns
-// a Registry, records every push and, like the real push path, reads the
-// oldest sample and (when `drain`) releases it; it records the last dispatch
-// and answers it with `dispatchStatus`. Every other operation does nothing.
+// a Registry and records every push. With `route`, a push goes where the
+// manager sends it, to the conduit state filed under the conduit's handle;
+// otherwise the fake reads the oldest sample and (when `drain`) releases it.
+// It records the last dispatch and answers it with `dispatchStatus`. Every
+// other operation does nothing.
 #ifndef KT_TESTS_SUPPORT_FAKE_MANAGER_H_
 #define KT_TESTS_SUPPORT_FAKE_MANAGER_H_
 
@@ -11,6 +13,7 @@
 
 #include "host/registry_manager.h"
 #include "kt/buffer.h"
+#include "state/conduit_state.h"
 
 namespace MetricsFramework {
 namespace testing_fakes {
@@ -30,6 +33,12 @@ class FakeManager : public IRegistryManager {
 
   KT_STATUS PushDataToConsumers(unsigned long conduit, unsigned long binding,
                                 const IReadBuffer* data) override {
+    if (route) {
+      Path* node = registry.ResolveHandle(conduit);
+      auto* state = node != nullptr ? dynamic_cast<ConduitState*>(node->GetPayload()) : nullptr;
+      pushes.push_back({conduit, binding, ""});
+      return state != nullptr ? state->PushData(binding, data) : KT_STATUS_INVALID_OBJECT;
+    }
     const void* sample = nullptr;
     unsigned long size = 0;
     data->GetData(&sample, &size);
@@ -68,6 +77,7 @@ class FakeManager : public IRegistryManager {
   KT_STATUS Log(unsigned int, const char*, const char*, ...) override { return 0; }
 
   Registry registry;
+  bool route = false;
   bool drain = true;
   std::vector<Push> pushes;
   Dispatch dispatched{};
