@@ -34,10 +34,22 @@ void ComposeMessage(Sink& sink, const char* head, const char* argument, const Va
   out << OPCODE_END_OF_MESSAGE;
 }
 
+// Keeps `argument`, the name a failure message carried, for the calling
+// thread (see TakeLastFailureArgument).
+void RecordFailureArgument(const char* argument);
+
+// The argument name of the calling thread's last failure message, and forgets
+// it; null when none was written since. The Logger discards the messages; the
+// name is kept so that a caller (a test, a debugging host) can tell which
+// argument a status was about where several share one status, since the order
+// of the checks is part of an operation's contract.
+const char* TakeLastFailureArgument();
+
 // Writes the composed message for `status` to the global Logger and returns
 // `status`, so that a failure path is one return statement.
 template <typename... Values>
 KT_STATUS Fail(KT_STATUS status, const char* argument, const Values&... values) {
+  RecordFailureArgument(argument);
   ComposeMessage(GetLogger(), StatusName(status), argument, values...);
   return status;
 }
@@ -56,6 +68,7 @@ void LogUnder(const char* tag, const Pieces&... pieces) {
 template <typename... Values>
 KT_STATUS PassOn(KT_STATUS status, const char* word, const char* argument,
                  const Values&... values) {
+  RecordFailureArgument(argument);
   ComposeMessage(GetLogger(), word, argument, values...);
   return status;
 }

@@ -1,30 +1,22 @@
-// The library's export table and its process-wide accessor of the extension
-// manager. The row bytes are described in docs/export_table.md.
+// The library's export table. The row bytes are described in
+// docs/export_table.md.
 #include "kt/export_table.h"
 
-#include "kt/extension_manager.h"
+#include "client/default_client_manager.h"
+#include "host/default_extension_manager.h"
 
 namespace MetricsFramework {
 namespace {
 
-// The factories behind the three rows. The managers and the client command
-// method are built by the subsystems that are still to come; until they land,
-// the rows are already final and their factories answer null.
-IExtension* CreateExtensionManager() { return nullptr; }
-IExtension* CreateClientManager() { return nullptr; }
+// The factories behind the rows, each answering its product as an extension.
+// The client command method arrives with remote access; until then its row is
+// final and its factory answers null.
+IExtension* CreateExtensionManager() { return DefaultExtensionManager::Create(); }
+IExtension* CreateClientManager() { return DefaultExtensionManager::CreateClientManager(); }
 IExtension* CreateClientCommandMethod() { return nullptr; }
 
 }  // namespace
-
-// The process-wide extension manager; set by the first row's factory and never
-// cleared by the library.
-IExtensionManager* g_processExtensionManager = nullptr;
-
 }  // namespace MetricsFramework
-
-MetricsFramework::IExtensionManager* GetExtensionManager() {
-  return MetricsFramework::g_processExtensionManager;
-}
 
 extern "C" {
 

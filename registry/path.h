@@ -82,6 +82,11 @@ class Path {
   // Removes the symlink filed under `handle`; false when there is none (an
   // owned child is never removed this way).
   bool RemoveSymlink(unsigned long handle);
+  // Takes `child` out of this node's maps without destroying it, under this
+  // node's write lock. A node that is to be destroyed is detached first, so
+  // that nobody walking this node meets it while its payload goes; destroying
+  // it afterwards finds nothing more to erase here.
+  void DetachChild(Path* child);
 
   // Whether the node has any child, listed or not, owned or linked.
   bool HasChildren();
@@ -121,8 +126,6 @@ class Path {
 
   // For the Registry, which builds itself as a root.
   void SetRootIdentity(unsigned long handle, const std::string& name);
-  // Takes `child` out of this node's maps without destroying it.
-  void DetachChild(Path* child);
 
  private:
   friend class PathData;

@@ -1,0 +1,608 @@
+#include "client/default_client_manager.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "host/diagnostics.h"
+#include "host/logger.h"
+#include "state/conduit_state.h"
+#include "state/consumer_state.h"
+#include "state/metric_state.h"
+#include "state/peer_state.h"
+#include "state/probe_state.h"
+#include "state/probe_type_state.h"
+#include "state/publisher_state.h"
+
+namespace MetricsFramework {
+
+namespace {
+
+constexpr const char* kNullConsumerName = "_NullConsumer";
+constexpr const char* kLocalConduitName = "LocalConduit_DefaultClientManager";
+
+// The uri of the framework's own state metric, which is never enumerated.
+constexpr const char* kStateMetricUri = "com.velorn.kt.state";
+
+// Set by the client manager on metrics that are not time-based when their
+// publisher has time-based ones.
+constexpr unsigned int kFlagPublisherHasTimeBased = 0x20;
+
+template <typename State>
+State* StateAt(Path* node) {
+  return node != nullptr ? dynamic_cast<State*>(node->GetPayload()) : nullptr;
+}
+
+Path* NamedChild(Registry& registry, const char* branch, const char* name) {
+  Path* parent = registry.GetChild(branch, 0);
+  return parent != nullptr ? parent->GetChildNamed(name, 0) : nullptr;
+}
+
+IClientManager* ClientManagerOf(PeerState* peer) {
+  if (peer == nullptr || peer->GetPeer() == nullptr) return nullptr;
+  return peer->GetPeer()->GetClientManager();
+}
+
+}  // namespace
+
+DefaultClientManager::DefaultClientManager(Registry& registry)
+    : m_loader(nullptr), m_registry(registry), m_lock(true) {
+  GetLogger().RegisterLogTag("DefaultClientManager", LOG_LEVEL_ERROR);
+}
+
+DefaultClientManager::~DefaultClientManager() {
+  if (m_loader != nullptr && m_nullConsumer.GetHandle() != 0) {
+    m_loader->RemoveExtension(&m_nullConsumer);
+  }
+  if (m_loader != nullptr && m_localConduit.GetHandle() != 0) {
+    m_loader->RemoveExtension(&m_localConduit);
+  }
+  // Whatever the loader left filed still points into this object: the states
+  // must go while the consumer and the conduit (which owns the bindings'
+  // buffers) are alive. This is why the client manager has to be destroyed
+  // before the registry it works on.
+  Path* node = NamedChild(m_registry, "consumers", kNullConsumerName);
+  auto* consumer = StateAt<ConsumerState>(node);
+  if (consumer != nullptr && consumer->GetConsumer() == &m_nullConsumer) delete node;
+  node = NamedChild(m_registry, "conduits", kLocalConduitName);
+  auto* conduit = StateAt<ConduitState>(node);
+  if (conduit != nullptr && conduit->m_conduit == &m_localConduit) delete node;
+}
+
+Path* DefaultClientManager::Resolve(unsigned long handle) const {
+  return m_registry.ResolveHandle(handle);
+}
+
+Path* DefaultClientManager::ResolveOrRoot(unsigned long handle) const {
+  return Resolve(handle != 0 ? handle : m_registry.GetHandle());
+}
+
+ConduitState* DefaultClientManager::ConduitAt(unsigned long handle) const {
+  auto* state = handle != 0 ? StateAt<ConduitState>(Resolve(handle)) : nullptr;
+  return state != nullptr && state->m_conduit != nullptr ? state : nullptr;
+}
+
+IClientManager* DefaultClientManager::PeerFor(unsigned long handle) const {
+  IClientManager* peer = nullptr;
+  return GetProxyForComponent(handle, &peer) == KT_STATUS_SUCCESS ? peer : nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Private extensions and routing.
+
+unsigned long DefaultClientManager::GetNullConsumerHandle() {
+  const unsigned long handle = m_nullConsumer.GetHandle();
+  if (handle != 0) return handle;
+  // Not locked, as intended: two first callers may both register it; the
+  // loader keeps the first.
+  if (m_loader == nullptr) return 0;
+  if (m_loader->AddExtension(kNullConsumerName, &m_nullConsumer, nullptr) != KT_STATUS_SUCCESS) {
+    // The status is deliberately not printed between the two pieces.
+    LogUnder("Default", "Error when attempting to create the NullConsumer: got ",
+             " from AddExtension()");
+  }
+  return m_nullConsumer.GetHandle();
+}
+
+unsigned long DefaultClientManager::GetConduitHandle(unsigned long consumer,
+                                                     unsigned long target) {
+  if (consumer != 0) {
+    auto* state = StateAt<ConsumerState>(Resolve(consumer));
+    return state != nullptr ? state->GetConduitHandle(Registry::GetGuid(target)) : 0;
+  }
+  WriteGuard hold(m_lock);
+  if (m_localConduit.GetHandle() == 0 && m_loader != nullptr) {
+    m_loader->AddExtension(kLocalConduitName, &m_localConduit, nullptr);
+  }
+  return m_localConduit.GetHandle();
+}
+
+KT_STATUS DefaultClientManager::GetProxyForComponent(unsigned long handle,
+                                                     IClientManager** out) const {
+  const unsigned long key = static_cast<unsigned long>(Registry::GetGuid(handle)) << 32;
+  Path* peers = m_registry.GetChild("peers", 0);
+  if (peers == nullptr) return KT_STATUS_INVALID_OBJECT;
+  // A node under "peers" that is not a peer mount, or a mount without a
+  // client manager, cannot answer for anything.
+  IClientManager* peer = ClientManagerOf(StateAt<PeerState>(peers->GetChild(key, 0)));
+  if (peer == nullptr) return KT_STATUS_INVALID_OBJECT;
+  *out = peer;
+  return KT_STATUS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Namespace queries.
+
+KT_STATUS DefaultClientManager::GetPath(unsigned long root, const char* pathname,
+                                        unsigned long* out_handle) const {
+  return __GetPath(root, pathname, out_handle, true);
+}
+
+KT_STATUS DefaultClientManager::GetChildCount(unsigned long parent,
+                                              unsigned int* out_count) const {
+  return __GetChildCount(parent, out_count, true);
+}
+
+KT_STATUS DefaultClientManager::GetChildren(unsigned long parent, unsigned long* out_children,
+                                            unsigned int count) const {
+  return __GetChildren(parent, out_children, count, true);
+}
+
+KT_STATUS DefaultClientManager::GetResourceInfo(unsigned long handle, ResourceInfo* out) const {
+  return __GetResourceInfo(handle, out, true);
+}
+
+KT_STATUS DefaultClientManager::GetMetricDescriptor(unsigned long metric,
+                                                    Metric::Description* out_desc) const {
+  return __GetMetricDescriptor(metric, out_desc, true);
+}
+
+KT_STATUS DefaultClientManager::__GetPath(unsigned long root, const char* pathname,
+                                          unsigned long* out_handle, bool route) const {
+  if (out_handle == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_handle");
+  if (pathname == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "pathname", pathname);
+  if (route) {
+    if (IClientManager* peer = PeerFor(root)) return peer->GetPath(root, pathname, out_handle);
+  }
+  Path* start = ResolveOrRoot(root);
+  if (start == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "root");
+  if (*pathname == '\0') {
+    *out_handle = start->GetHandle();
+    return KT_STATUS_SUCCESS;
+  }
+  const char* rest = nullptr;
+  Path* found = start->GetChild(pathname, 0, &rest);
+  if (found == nullptr) return Fail(KT_STATUS_DOES_NOT_EXIST, "root");
+  if (rest == nullptr) {
+    *out_handle = found->GetHandle();
+    return KT_STATUS_SUCCESS;
+  }
+  // The walk stopped at a peer mount: the rest of the path is the peer's.
+  const PathData* payload = found->GetPayload();
+  IClientManager* peer = payload != nullptr && payload->m_type == RESOURCE_TYPE_PEER
+                             ? ClientManagerOf(StateAt<PeerState>(found))
+                             : nullptr;
+  if (peer == nullptr) return Fail(KT_STATUS_DOES_NOT_EXIST, "root");
+  unsigned long peerRoot = 0;
+  peer->GetPath(0, "", &peerRoot);  // its status is deliberately not looked at
+  return peer->GetPath(peerRoot, rest, out_handle);
+}
+
+KT_STATUS DefaultClientManager::__GetChildCount(unsigned long parent, unsigned int* out_count,
+                                                bool route) const {
+  if (route) {
+    if (IClientManager* peer = PeerFor(parent)) return peer->GetChildCount(parent, out_count);
+  }
+  if (out_count == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_count");
+  Path* node = ResolveOrRoot(parent);
+  if (node == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "parent");
+  *out_count = static_cast<unsigned int>(node->ChildCount());
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS DefaultClientManager::__GetChildren(unsigned long parent, unsigned long* out_children,
+                                              unsigned int count, bool route) const {
+  if (route) {
+    if (IClientManager* peer = PeerFor(parent)) {
+      return peer->GetChildren(parent, out_children, count);
+    }
+  }
+  if (count != 0 && out_children == nullptr) {
+    return Fail(KT_STATUS_INVALID_ARGUMENT, "out_children");
+  }
+  Path* node = ResolveOrRoot(parent);
+  if (node == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "parent");
+  unsigned int existing = 0;
+  const KT_STATUS status = __GetChildCount(parent, &existing, route);
+  if (status != KT_STATUS_SUCCESS) return status;
+  if (existing < count) return Fail(KT_STATUS_INVALID_SIZE, "count");
+  node->GetChildHandles(count, out_children);
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS DefaultClientManager::__GetResourceInfo(unsigned long handle, ResourceInfo* out,
+                                                  bool route) const {
+  if (route) {
+    if (IClientManager* peer = PeerFor(handle)) return peer->GetResourceInfo(handle, out);
+  }
+  if (out == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_resource");
+  Path* node = ResolveOrRoot(handle);
+  if (node == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "handle");
+  const PathData* payload = node->GetPayload();
+  out->name.assign(node->GetName());
+  out->data = payload != nullptr ? payload->m_data : 0;
+  out->kind = payload != nullptr ? payload->m_type : 0;
+  out->parent = node->GetParent() != nullptr ? node->GetParent()->GetHandle() : 0;
+  out->target = payload != nullptr && payload->m_owner != nullptr ? payload->m_owner->GetHandle()
+                                                                  : 0;
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS DefaultClientManager::__GetMetricDescriptor(unsigned long metric,
+                                                      Metric::Description* out_desc,
+                                                      bool route) const {
+  if (route) {
+    if (IClientManager* peer = PeerFor(metric)) return peer->GetMetricDescriptor(metric, out_desc);
+  }
+  if (out_desc == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_desc");
+  // No root default here: handle 0 is simply unknown.
+  Path* node = Resolve(metric);
+  auto* state = StateAt<MetricState>(node);
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "metric");
+  if ((state->m_description.flags & Metric::kFlagTimeBased) == 0) {
+    // The parent is read as a publisher only when its type word says it is
+    // one: a metric filed under any other node must not have that node's
+    // payload taken for a publisher's.
+    Path* parent = node->GetParent();
+    PathData* owner = parent != nullptr ? parent->GetPayload() : nullptr;
+    auto* publisher = owner != nullptr && owner->m_type == RESOURCE_TYPE_PUBLISHER
+                          ? dynamic_cast<PublisherState*>(owner)
+                          : nullptr;
+    if (publisher != nullptr && !publisher->GetTimeBasedMetrics().empty()) {
+      state->m_description.flags |= kFlagPublisherHasTimeBased;  // kept in the registry
+    }
+  }
+  *out_desc = static_cast<Metric::Description>(*state);
+  return KT_STATUS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Metric enumeration.
+
+KT_STATUS DefaultClientManager::GetMetrics(
+    unsigned long handle, std::vector<std::pair<unsigned long, Metric::Description>>& out_metrics,
+    std::vector<std::string>* out_groups, std::map<unsigned int, std::string>* out_sets) const {
+  unsigned int count = 0;
+  KT_STATUS status = GetChildCount(handle, &count);
+  if (status != KT_STATUS_SUCCESS) return status;
+  // Intended: a node without children contributes nothing, not even the
+  // group order and set names of a publisher.
+  if (count == 0) return KT_STATUS_SUCCESS;
+  std::vector<unsigned long> children(count);
+  status = GetChildren(handle, children.data(), count);
+  if (status != KT_STATUS_SUCCESS) return status;
+
+  for (unsigned long child : children) {
+    ResourceInfo info{};
+    status = GetResourceInfo(child, &info);
+    if (status != KT_STATUS_SUCCESS) return status;  // what was appended stays
+    // Intended as it stands: only probe metrics (kind 8) are listed, and
+    // every other node, an ordinary metric (kind 4) included, is descended
+    // into instead.
+    if (info.kind != RESOURCE_TYPE_PROBE_METRIC) {
+      GetMetrics(child, out_metrics, out_groups, out_sets);  // a failed sub-tree is skipped
+      continue;
+    }
+    Metric::Description desc;
+    GetMetricDescriptor(child, &desc);  // listed with the default description on failure
+    if (desc.uri == kStateMetricUri) continue;
+    out_metrics.emplace_back(child, std::move(desc));
+  }
+
+  if (handle == 0) return KT_STATUS_SUCCESS;
+  return AddPublisherLists(handle, out_groups, out_sets);
+}
+
+KT_STATUS DefaultClientManager::AddPublisherLists(
+    unsigned long handle, std::vector<std::string>* out_groups,
+    std::map<unsigned int, std::string>* out_sets) const {
+  ResourceInfo self{};
+  if (GetResourceInfo(handle, &self) != KT_STATUS_SUCCESS) return KT_STATUS_SUCCESS;
+  if (self.kind != RESOURCE_TYPE_PUBLISHER) return KT_STATUS_SUCCESS;
+  Path* node = Resolve(handle);
+  if (node == nullptr) return Fail(KT_STATUS_LOOKUP_FAILED, "handle");
+  auto* publisher = StateAt<PublisherState>(node);
+  if (publisher == nullptr) return KT_STATUS_SUCCESS;
+  const std::vector<std::string>& order = publisher->GetGroupOrder();
+  if (out_groups != nullptr && !order.empty()) {
+    // Each publisher goes in front: from the root, the last one visited
+    // comes first. Intended, as clients know it.
+    out_groups->insert(out_groups->begin(), order.begin(), order.end());
+  }
+  if (out_sets != nullptr) {
+    for (const auto& set : publisher->GetSetNames()) out_sets->emplace(set.first, set.second);
+  }
+  return KT_STATUS_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------
+// Subscriptions and flushing.
+
+KT_STATUS DefaultClientManager::SubscribeMetric(unsigned long consumer, unsigned long metric) {
+  return __SubscribeMetric(consumer, GetConduitHandle(consumer, metric), metric, true);
+}
+
+KT_STATUS DefaultClientManager::UnsubscribeMetric(unsigned long consumer, unsigned long metric) {
+  return __UnsubscribeMetric(consumer, GetConduitHandle(consumer, metric), metric, true);
+}
+
+KT_STATUS DefaultClientManager::__SubscribeMetric(unsigned long consumer, unsigned long conduit,
+                                                  unsigned long metric, bool full) {
+  if (metric == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "metric");
+  ConduitState* state = ConduitAt(conduit);
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "conduit");
+  if (consumer == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer");
+  if (full) {
+    const KT_STATUS status = state->Subscribe(consumer);
+    if (status != KT_STATUS_SUCCESS && status != KT_STATUS_ALREADY_EXISTS) {
+      return PassOn(status, "status", "0");  // these pieces, in this order, deliberately
+    }
+  }
+  const unsigned long remote = state->m_conduit->GetRemoteHandle();
+  const GroupSetsAdded added = RecordMetric(state, metric, full);
+  IClientManager* peer = full ? PeerFor(remote) : nullptr;
+  // The peer binds in its own process.
+  const KT_STATUS status =
+      peer != nullptr ? peer->SubscribeMetric(consumer, metric) : BindHere(state, metric);
+  if (status != KT_STATUS_SUCCESS) {
+    // A member that is not bound delivers nothing, and its group would wait
+    // for it forever: what this call added to the group sets goes again. The
+    // tag and the membership stay as written, and the consumer stays
+    // subscribed to the conduit.
+    WriteGuard hold(state->m_groupingLock);
+    const GroupKey& group = added.group;
+    if (added.toTemplate) state->m_groupTemplate[group.first][group.second].erase(metric);
+    if (added.toExpected) state->m_groupExpected[group.first][group.second].erase(metric);
+  }
+  return status;
+}
+
+DefaultClientManager::GroupSetsAdded DefaultClientManager::RecordMetric(ConduitState* state,
+                                                                        unsigned long metric,
+                                                                        bool full) const {
+  // The fetches route only when the request may be forwarded at all: a
+  // request that has crossed a process boundary is answered here alone.
+  Metric::Description desc;  // group id 0xFFFFFFFF unless the metric says otherwise
+  __GetMetricDescriptor(metric, &desc, full);
+  {
+    // One hold: erasing and inserting under two would let a push in between
+    // find the metric without a tag.
+    WriteGuard hold(state->m_tags);
+    state->m_tags.map[metric] = desc.word1;
+  }
+  ResourceInfo info{};
+  __GetResourceInfo(metric, &info, full);
+  GroupSetsAdded added{GroupKey(info.parent, desc.word4), false, false};
+  {
+    WriteGuard hold(state->m_groups);
+    state->m_groups.map.emplace(metric, added.group);  // an existing membership is kept
+  }
+  WriteGuard hold(state->m_groupingLock);
+  const GroupKey& group = added.group;
+  added.toTemplate = state->m_groupTemplate[group.first][group.second].insert(metric).second;
+  added.toExpected = state->m_groupExpected[group.first][group.second].insert(metric).second;
+  return added;
+}
+
+KT_STATUS DefaultClientManager::BindHere(ConduitState* state, unsigned long metric) {
+  Path* node = Resolve(metric);
+  auto* metricState = StateAt<MetricState>(node);
+  if (metricState == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "metric");
+  if ((metricState->m_description.flags & Metric::kFlagAvailable) == 0) {
+    return Fail(KT_STATUS_NOT_AVAILABLE, "metric");
+  }
+  return state->Bind(node, metric);
+}
+
+KT_STATUS DefaultClientManager::__UnsubscribeMetric(unsigned long consumer, unsigned long conduit,
+                                                    unsigned long metric, bool full) {
+  if (metric == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "metric");
+  ConduitState* state = ConduitAt(conduit);
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "conduit");
+  if (full) {
+    if (consumer == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer");
+    if (Resolve(consumer) == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer");
+  }
+  // The group is read from the membership before anything is undone: the
+  // metric's own description may be gone by now (or be answered by a peer
+  // that no longer knows it), and the unbind below forgets the membership.
+  GroupKey group;
+  bool grouped = false;
+  {
+    ReadGuard hold(state->m_groups);
+    auto it = state->m_groups.map.find(metric);
+    if (it != state->m_groups.map.end()) {
+      group = it->second;
+      grouped = true;
+    }
+  }
+  IClientManager* peer = full ? PeerFor(state->m_conduit->GetRemoteHandle()) : nullptr;
+  const KT_STATUS status =
+      peer != nullptr ? peer->UnsubscribeMetric(consumer, metric) : state->Unbind(metric);
+  // Intended: the consumer stays subscribed to the conduit, whatever the
+  // result; a conduit subscription outlives the metric subscriptions.
+  ForgetMetric(state, metric, grouped ? &group : nullptr);
+  return status;
+}
+
+void DefaultClientManager::ForgetMetric(ConduitState* state, unsigned long metric,
+                                        const GroupKey* group) {
+  if (group != nullptr) {
+    WriteGuard hold(state->m_groupingLock);
+    state->m_groupTemplate[group->first][group->second].erase(metric);
+    state->m_groupExpected[group->first][group->second].erase(metric);
+  }
+  {
+    WriteGuard hold(state->m_collectionLock);
+    if (group != nullptr) {
+      // The metric's samples still waiting in its group's cycle go, handle
+      // and buffer together: the two vectors must stay parallel, and the
+      // buffer goes back to its pool.
+      std::vector<unsigned long>& handles = state->m_collectedHandles[group->first][group->second];
+      std::vector<const IReadBuffer*>& buffers =
+          state->m_collectedBuffers[group->first][group->second];
+      const size_t pairs = std::min(handles.size(), buffers.size());
+      size_t kept = 0;
+      for (size_t i = 0; i < pairs; ++i) {
+        if (handles[i] == metric) continue;
+        handles[kept] = handles[i];
+        buffers[kept] = buffers[i];
+        ++kept;
+      }
+      handles.resize(kept);
+      buffers.resize(kept);
+    }
+    state->m_pending.erase(metric);
+  }
+  {
+    WriteGuard hold(state->m_tags);
+    state->m_tags.map.erase(metric);
+  }
+  WriteGuard hold(state->m_groups);
+  state->m_groups.map.erase(metric);
+}
+
+KT_STATUS DefaultClientManager::SubscribeMetrics(unsigned long consumer,
+                                                 const unsigned long* metrics, unsigned int count,
+                                                 IClientManagerErrorListener* listener) {
+  return ForEachMetric(&IClientManager::SubscribeMetric, consumer, metrics, count, listener);
+}
+
+KT_STATUS DefaultClientManager::UnsubscribeMetrics(unsigned long consumer,
+                                                   const unsigned long* metrics,
+                                                   unsigned int count,
+                                                   IClientManagerErrorListener* listener) {
+  return ForEachMetric(&IClientManager::UnsubscribeMetric, consumer, metrics, count, listener);
+}
+
+KT_STATUS DefaultClientManager::ForEachMetric(
+    KT_STATUS (IClientManager::*operation)(unsigned long, unsigned long), unsigned long consumer,
+    const unsigned long* metrics, unsigned int count, IClientManagerErrorListener* listener) {
+  if (metrics == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "metric");
+  bool failed = false;
+  for (unsigned int i = 0; i < count; ++i) {
+    // Through the slot, as a client would call it; no rollback of the others.
+    const KT_STATUS status = (this->*operation)(consumer, metrics[i]);
+    if (status == KT_STATUS_SUCCESS) continue;
+    failed = true;
+    if (listener != nullptr) listener->OnError(metrics[i], status);
+  }
+  return failed ? KT_STATUS_PARTIAL_FAILURE : KT_STATUS_SUCCESS;
+}
+
+KT_STATUS DefaultClientManager::FlushMetrics(unsigned long consumer) {
+  if (consumer == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer");
+  auto* state = StateAt<ConsumerState>(Resolve(consumer));
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer");
+  return state->FlushConduits();
+}
+
+KT_STATUS DefaultClientManager::__FlushMetrics(unsigned long conduit) {
+  if (conduit == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "conduit");
+  ConduitState* state = ConduitAt(conduit);
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "conduit");
+  return state->FlushMetrics();
+}
+
+// ---------------------------------------------------------------------------
+// Remote method calls.
+
+KT_STATUS DefaultClientManager::CallRemoteMethodSync(unsigned long method, const IReadBuffer* args,
+                                                     IWriteBuffer* returns) {
+  return __CallRemoteMethodSync(GetConduitHandle(0, method), method, args, returns, true);
+}
+
+KT_STATUS DefaultClientManager::__CallRemoteMethodSync(unsigned long conduit, unsigned long method,
+                                                       const IReadBuffer* args,
+                                                       IWriteBuffer* returns, bool route) {
+  if (args == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "args");
+  if (returns == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "returns");
+  if (route) {
+    if (IClientManager* peer = PeerFor(method)) {
+      return peer->CallRemoteMethodSync(method, args, returns);
+    }
+  }
+  return CallRemoteMethodSync(conduit, method, args, returns);
+}
+
+KT_STATUS DefaultClientManager::CallRemoteMethodSync(unsigned long conduit, unsigned long method,
+                                                     const IReadBuffer* args,
+                                                     IWriteBuffer* returns) {
+  if (args == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "args");
+  if (returns == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "returns");
+  ConduitState* state = ConduitAt(conduit);
+  // An argument error here, not an unknown object as elsewhere: intended.
+  if (state == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "conduit");
+  return state->m_conduit->Transact(method, args, returns);
+}
+
+// ---------------------------------------------------------------------------
+// Probes and command lists.
+
+KT_STATUS DefaultClientManager::CreateProbe(unsigned long type, void* query,
+                                            unsigned long* out_site) {
+  Path* node = Resolve(type);
+  if (node != nullptr && out_site != nullptr) {
+    PathData* payload = node->GetPayload();
+    if (payload == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "query");
+    // Checked, not cast blindly: a handle of any other node is refused the
+    // way a type without a probe publisher is, and so is a type whose owner
+    // node is missing.
+    auto* probeType = dynamic_cast<ProbeTypeState*>(payload);
+    if (probeType == nullptr || probeType->m_owner == nullptr) {
+      return Fail(KT_STATUS_INVALID_OBJECT, "qpub");
+    }
+    return probeType->CreateProbe(m_registry, query, out_site);
+  }
+  if (out_site == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_site");
+  // An unknown probe type is reported as "query", deliberately.
+  return Fail(KT_STATUS_INVALID_ARGUMENT, "query");
+}
+
+KT_STATUS DefaultClientManager::DestroyProbe(unsigned long site) {
+  Path* node = Resolve(site);
+  // Only a probe site is deleted: the root would take the registry embedded
+  // in the extension manager with it, and any other node its owner's data.
+  if (node == nullptr || node->GetParent() == nullptr ||
+      dynamic_cast<ProbeState*>(node->GetPayload()) == nullptr) {
+    return Fail(KT_STATUS_INVALID_ARGUMENT, "sitePath");
+  }
+  delete node;
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS DefaultClientManager::BeginProbe(unsigned long probe, unsigned long a, unsigned long b,
+                                           Metrics::EventType type, void* context) const {
+  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->Begin(a, b, type, context);
+  return KT_STATUS_SUCCESS;  // the probe's own result is not the client's
+}
+
+KT_STATUS DefaultClientManager::EndProbe(unsigned long probe, unsigned long a,
+                                         Metrics::EventType type, void* context) const {
+  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->End(a, type, context);
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS DefaultClientManager::HandleProbe(unsigned long probe) const {
+  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->Handle();
+  return KT_STATUS_SUCCESS;
+}
+
+KT_STATUS DefaultClientManager::OnChangeStateCommandList(unsigned long probe, void* a, void* b,
+                                                         Metrics::CommandListState state) const {
+  // A probe that keeps the default operation gets a call that does nothing,
+  // which is the same as no call; one that overrides it gets the state.
+  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->OnChangeStateCommandList(a, b, state);
+  return KT_STATUS_SUCCESS;
+}
+
+}  // namespace MetricsFramework

@@ -1,0 +1,115 @@
+// IClientManager: how a client (a tool that reads metrics) browses the
+// registry, subscribes consumers to metrics, drives probes and calls remote
+// methods, in this process or, through a proxy, in another.
+//
+// Handles are the 64-bit registry handles; a parent or root handle of 0 means
+// the registry root where an operation says so. Every operation returns a
+// KT_STATUS (0 on success) and writes its out-parameters only on success. The
+// client manager may be called from any thread; its synchronisation is the
+// registry's. The slot numbers are a binary contract: never insert, remove or
+// reorder.
+#ifndef KT_CLIENT_MANAGER_H_
+#define KT_CLIENT_MANAGER_H_
+
+#include <cstring>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kt/buffer.h"
+#include "kt/extension.h"
+#include "kt/metric.h"
+#include "kt/probe.h"
+#include "kt/status.h"
+
+namespace MetricsFramework {
+
+// The description of one registry node.
+struct ResourceInfo {
+  std::string name;      // the node's own name
+  unsigned long data;    // the payload's data word (the module's descriptor word)
+  unsigned long kind;    // the payload's resource type (4 or 8 metric, 32 publisher, ...)
+  unsigned long parent;  // the parent's handle; 0 at the root
+  unsigned long target;  // the handle of the node the payload designates; 0 if none
+};
+static_assert(sizeof(ResourceInfo) == 64, "a resource description is 64 bytes");
+
+// Told about every element of a batch subscription that failed.
+class IClientManagerErrorListener {
+ public:
+  // Slot 0: the metric `metric` failed with `status` (never 0).
+  virtual void OnError(unsigned long metric, unsigned int status) = 0;
+
+ protected:
+  ~IClientManagerErrorListener() = default;
+};
+
+class IClientManager : public IExtension {
+ public:
+  // Slot 0: answers "IClientManager" and "IExtension" with this object.
+  void* CastTo(const char* name) override {
+    if (std::strcmp(name, "IClientManager") == 0) return static_cast<IClientManager*>(this);
+    if (std::strcmp(name, "IExtension") == 0) return static_cast<IExtension*>(this);
+    return nullptr;
+  }
+  ~IClientManager() override {}  // slots 1, 2
+
+  // Slot 3: the handle of the node `pathname` names below `root`.
+  virtual KT_STATUS GetPath(unsigned long root, const char* pathname,
+                            unsigned long* out_handle) const = 0;
+  // Slot 4: the number of listed children of `parent`.
+  virtual KT_STATUS GetChildCount(unsigned long parent, unsigned int* out_count) const = 0;
+  // Slot 5: the handles of the first `count` listed children of `parent`.
+  // KT_STATUS_INVALID_SIZE when it has fewer.
+  virtual KT_STATUS GetChildren(unsigned long parent, unsigned long* out_children,
+                                unsigned int count) const = 0;
+  // Slot 6: appends every metric below `handle` with its description; with
+  // `out_groups` and `out_sets`, also the publishers' group orders and set
+  // names.
+  virtual KT_STATUS GetMetrics(
+      unsigned long handle,
+      std::vector<std::pair<unsigned long, Metric::Description>>& out_metrics,
+      std::vector<std::string>* out_groups, std::map<unsigned int, std::string>* out_sets) const = 0;
+  // Slot 7: describes the node `handle`.
+  virtual KT_STATUS GetResourceInfo(unsigned long handle, ResourceInfo* out) const = 0;
+  // Slot 8: replaces *out_desc by the description of the metric `metric`.
+  virtual KT_STATUS GetMetricDescriptor(unsigned long metric,
+                                        Metric::Description* out_desc) const = 0;
+  // Slot 9: makes the consumer `consumer` receive the metric `metric`.
+  virtual KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) = 0;
+  // Slot 10: stops it.
+  virtual KT_STATUS UnsubscribeMetric(unsigned long consumer, unsigned long metric) = 0;
+  // Slot 11: slot 9 for `count` metrics; KT_STATUS_PARTIAL_FAILURE when any
+  // failed, each failure told to `listener` (which may be null).
+  virtual KT_STATUS SubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
+                                     unsigned int count,
+                                     IClientManagerErrorListener* listener) = 0;
+  // Slot 12: slot 10 for `count` metrics, likewise.
+  virtual KT_STATUS UnsubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
+                                       unsigned int count,
+                                       IClientManagerErrorListener* listener) = 0;
+  // Slot 13: flushes every conduit of the consumer.
+  virtual KT_STATUS FlushMetrics(unsigned long consumer) = 0;
+  // Slot 14: runs the remote method `method`; its results are in `returns`
+  // when this returns.
+  virtual KT_STATUS CallRemoteMethodSync(unsigned long method, const IReadBuffer* args,
+                                         IWriteBuffer* returns) = 0;
+  // Slot 15: places a probe of the probe type `type`; *out_site identifies it.
+  virtual KT_STATUS CreateProbe(unsigned long type, void* query, unsigned long* out_site) = 0;
+  // Slot 16: removes the probe site `site`.
+  virtual KT_STATUS DestroyProbe(unsigned long site) = 0;
+  // Slots 17 to 20: pass a client's probe events to the probe object whose
+  // address is `probe`; they always succeed.
+  virtual KT_STATUS BeginProbe(unsigned long probe, unsigned long a, unsigned long b,
+                               Metrics::EventType type, void* context) const = 0;
+  virtual KT_STATUS EndProbe(unsigned long probe, unsigned long a, Metrics::EventType type,
+                             void* context) const = 0;
+  virtual KT_STATUS HandleProbe(unsigned long probe) const = 0;
+  virtual KT_STATUS OnChangeStateCommandList(unsigned long probe, void* a, void* b,
+                                             Metrics::CommandListState state) const = 0;
+};
+
+}  // namespace MetricsFramework
+
+#endif  // KT_CLIENT_MANAGER_H_

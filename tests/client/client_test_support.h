@@ -1,0 +1,288 @@
+// What the client manager tests share: a loader that files extensions the way
+// the extension manager does, a client manager of another process that
+// records what reaches it, a peer that hands it out, and a fixture that builds
+// a registry with a client manager on it.
+#ifndef KT_TESTS_CLIENT_CLIENT_TEST_SUPPORT_H_
+#define KT_TESTS_CLIENT_CLIENT_TEST_SUPPORT_H_
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/default_client_manager.h"
+#include "host/diagnostics.h"
+#include "state/conduit_state.h"
+#include "state/consumer_state.h"
+#include "state/metric_state.h"
+#include "state/peer_state.h"
+#include "state/publisher_state.h"
+#include "state/state_fakes.h"
+#include "support/fake_manager.h"
+
+namespace MetricsFramework {
+namespace testing_fakes {
+
+// Files consumers under "consumers" with a ConsumerState and conduits under
+// "conduits" with a ConduitState, then loads the extension with its node's
+// handle; RemoveExtension deletes the node again (unless `keepNodes`) and
+// unloads the extension. `addStatus` makes AddExtension refuse.
+class FilingLoader : public IExtensionLoader {
+ public:
+  explicit FilingLoader(FakeManager& manager) : manager(manager) {}
+  KT_STATUS LoadModule(const char*) override { return 0; }
+  KT_STATUS UnloadModule(const char*) override { return 0; }
+  unsigned int GetModuleCount() override { return 0; }
+  const ExtensionBinaryDesc* GetModule(unsigned int) override { return nullptr; }
+  IExtension* FindExtension(const char*) override { return nullptr; }
+
+  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
+                         const ExtensionBinaryDesc*) override {
+    added.push_back(name);
+    if (addStatus != KT_STATUS_SUCCESS) return addStatus;
+    Path* node = nullptr;
+    if (auto* consumer = dynamic_cast<IConsumer*>(extension)) {
+      node = Branch("consumers")->GetChildNamed(name, kPathCreate);
+      new ConsumerState(consumer, node);
+    } else if (auto* conduit = dynamic_cast<IConduit*>(extension)) {
+      node = Branch("conduits")->GetChildNamed(name, kPathCreate);
+      new ConduitState(conduit, node);
+    } else {
+      return KT_STATUS_UNSUPPORTED_EXTENSION;
+    }
+    extension->Load(&manager, clientManager, node->GetHandle(), this);
+    return KT_STATUS_SUCCESS;
+  }
+
+  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
+    removed.push_back(extension);
+    Path* node = manager.registry.ResolveHandle(extension->GetHandle());
+    if (!keepNodes && node != nullptr && Holds(node, extension)) delete node;
+    extension->Unload();
+    return KT_STATUS_SUCCESS;
+  }
+
+  Path* Branch(const char* name) { return manager.registry.GetChild(name, kPathCreate); }
+
+  static bool Holds(Path* node, IKTExtensionBase* extension) {
+    auto* consumer = dynamic_cast<ConsumerState*>(node->GetPayload());
+    auto* conduit = dynamic_cast<ConduitState*>(node->GetPayload());
+    return (consumer != nullptr && consumer->GetConsumer() == dynamic_cast<IConsumer*>(extension)) ||
+           (conduit != nullptr && conduit->m_conduit == dynamic_cast<IConduit*>(extension));
+  }
+
+  FakeManager& manager;
+  IClientManager* clientManager = nullptr;
+  KT_STATUS addStatus = KT_STATUS_SUCCESS;
+  bool keepNodes = false;
+  std::vector<std::string> added;
+  std::vector<IKTExtensionBase*> removed;
+};
+
+// The client manager of another process: records every call that reaches it,
+// as the operation's name and its arguments (pointers as numbers), and
+// answers `status`. On success it writes `handle`, `count`, `info` and
+// `description` where the operation has such an out-parameter.
+class RecordingClientManager : public IClientManager {
+ public:
+  KT_STATUS GetPath(unsigned long root, const char* pathname,
+                    unsigned long* out_handle) const override {
+    Record("GetPath", root, std::string(pathname != nullptr ? pathname : "(null)"), out_handle);
+    if (status == KT_STATUS_SUCCESS && out_handle != nullptr) *out_handle = handle;
+    return status;
+  }
+  KT_STATUS GetChildCount(unsigned long parent, unsigned int* out_count) const override {
+    Record("GetChildCount", parent, out_count);
+    if (status == KT_STATUS_SUCCESS && out_count != nullptr) *out_count = count;
+    return status;
+  }
+  KT_STATUS GetChildren(unsigned long parent, unsigned long* out_children,
+                        unsigned int n) const override {
+    Record("GetChildren", parent, out_children, n);
+    return status;
+  }
+  KT_STATUS GetMetrics(unsigned long h, std::vector<std::pair<unsigned long, Metric::Description>>&,
+                       std::vector<std::string>*,
+                       std::map<unsigned int, std::string>*) const override {
+    Record("GetMetrics", h);
+    return status;
+  }
+  KT_STATUS GetResourceInfo(unsigned long h, ResourceInfo* out) const override {
+    Record("GetResourceInfo", h, out);
+    if (status == KT_STATUS_SUCCESS && out != nullptr) *out = info;
+    return status;
+  }
+  KT_STATUS GetMetricDescriptor(unsigned long metric, Metric::Description* out) const override {
+    Record("GetMetricDescriptor", metric, out);
+    if (status == KT_STATUS_SUCCESS && out != nullptr) *out = description;
+    return status;
+  }
+  KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) override {
+    Record("SubscribeMetric", consumer, metric);
+    return subscribeStatus;
+  }
+  KT_STATUS UnsubscribeMetric(unsigned long consumer, unsigned long metric) override {
+    Record("UnsubscribeMetric", consumer, metric);
+    return status;
+  }
+  KT_STATUS SubscribeMetrics(unsigned long consumer, const unsigned long* metrics, unsigned int n,
+                             IClientManagerErrorListener*) override {
+    Record("SubscribeMetrics", consumer, metrics, n);
+    return status;
+  }
+  KT_STATUS UnsubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
+                               unsigned int n, IClientManagerErrorListener*) override {
+    Record("UnsubscribeMetrics", consumer, metrics, n);
+    return status;
+  }
+  KT_STATUS FlushMetrics(unsigned long consumer) override {
+    Record("FlushMetrics", consumer);
+    return status;
+  }
+  KT_STATUS CallRemoteMethodSync(unsigned long method, const IReadBuffer* args,
+                                 IWriteBuffer* returns) override {
+    Record("CallRemoteMethodSync", method, args, returns);
+    return status;
+  }
+  KT_STATUS CreateProbe(unsigned long type, void* query, unsigned long* out) override {
+    Record("CreateProbe", type, query, out);
+    return status;
+  }
+  KT_STATUS DestroyProbe(unsigned long site) override {
+    Record("DestroyProbe", site);
+    return status;
+  }
+  KT_STATUS BeginProbe(unsigned long, unsigned long, unsigned long, Metrics::EventType,
+                       void*) const override {
+    return status;
+  }
+  KT_STATUS EndProbe(unsigned long, unsigned long, Metrics::EventType, void*) const override {
+    return status;
+  }
+  KT_STATUS HandleProbe(unsigned long) const override { return status; }
+  KT_STATUS OnChangeStateCommandList(unsigned long, void*, void*,
+                                     Metrics::CommandListState) const override {
+    return status;
+  }
+
+  // "Operation arg arg ..." for a call made with these arguments.
+  template <typename... Args>
+  static std::string Call(const char* operation, const Args&... args) {
+    std::string line = operation;
+    (void)((line += " " + Text(args)), ...);
+    return line;
+  }
+
+  KT_STATUS status = 77;  // no status of the table: it can only come from here
+  KT_STATUS subscribeStatus = 77;
+  unsigned long handle = 0;
+  unsigned int count = 0;
+  ResourceInfo info{};
+  Metric::Description description;
+  mutable std::vector<std::string> calls;
+
+ private:
+  static std::string Text(const std::string& text) { return text; }
+  static std::string Text(unsigned long value) { return std::to_string(value); }
+  static std::string Text(unsigned int value) { return std::to_string(value); }
+  template <typename T>
+  static std::string Text(T* pointer) {
+    return std::to_string(reinterpret_cast<unsigned long>(pointer));
+  }
+  template <typename... Args>
+  void Record(const char* operation, const Args&... args) const {
+    calls.push_back(Call(operation, args...));
+  }
+};
+
+// The far side of a peer mount: hands out a client manager and counts its
+// releases (the fixture owns it).
+class FakePeer : public IPeer {
+ public:
+  explicit FakePeer(IClientManager* clientManager) : clientManager(clientManager) {}
+  void Release() override { ++releases; }
+  IClientManager* GetClientManager() override { return clientManager; }
+  IClientManager* clientManager;
+  int releases = 0;
+};
+
+// A registry with a client manager on it, a publisher "publishers/p" and a
+// loader that files what the client manager registers. Members are declared
+// so that the client manager goes first and the objects the tree points at
+// go last.
+class ClientManagerTest : public ::testing::Test {
+ protected:
+  ClientManagerTest() : loader(manager), client(new DefaultClientManager(manager.registry)) {
+    client->m_loader = &loader;
+    loader.clientManager = client.get();
+    publisherNode = registry().GetChild("publishers/p", kPathCreate);
+    publisherState = new PublisherState(&publisher, publisherNode);
+  }
+
+  Registry& registry() { return manager.registry; }
+
+  // Publishes a metric of the publisher "p"; `tag` and `group` go to word1
+  // and word4.
+  unsigned long Publish(const std::string& uri, unsigned long tag = 1,
+                        unsigned int group = kUngrouped, unsigned int flags = 0) {
+    Metric::Description d;
+    d.uri = uri;
+    d.word1 = static_cast<unsigned int>(tag);
+    d.word4 = group;
+    d.flags = flags;
+    unsigned long handle = 0;
+    EXPECT_EQ(publisherState->PublishMetric(d, &handle), KT_STATUS_SUCCESS);
+    return handle;
+  }
+  MetricState* MetricAt(unsigned long handle) {
+    Path* node = registry().ResolveHandle(handle);
+    return node != nullptr ? dynamic_cast<MetricState*>(node->GetPayload()) : nullptr;
+  }
+
+  // Files `consumer` as the consumer `name` and returns its handle.
+  unsigned long AddConsumer(const char* name, IConsumer* consumer) {
+    EXPECT_EQ(loader.AddExtension(name, consumer, nullptr), KT_STATUS_SUCCESS);
+    return consumer->GetHandle();
+  }
+  // The conduit state filed under `handle`.
+  ConduitState* ConduitAt(unsigned long handle) {
+    Path* node = registry().ResolveHandle(handle);
+    return node != nullptr ? dynamic_cast<ConduitState*>(node->GetPayload()) : nullptr;
+  }
+
+  // A peer that lives as long as the fixture: a PeerState releases its peer
+  // when the registry goes.
+  FakePeer* NewPeer(IClientManager* clientManager) {
+    peers.push_back(std::make_unique<FakePeer>(clientManager));
+    return peers.back().get();
+  }
+  // Mounts `peer` under "peers" for the process `guid`.
+  void MountPeer(unsigned int guid, IPeer* peer) {
+    Path* node = registry()
+                     .GetChild("peers", kPathCreate)
+                     ->GetChild(static_cast<unsigned long>(guid) << 32,
+                                kPathCreate | kPathNoHandleEntry);
+    new PeerState(peer, node);
+  }
+
+  // The argument the last refused call of this thread named; forgets it.
+  static std::string Refused() {
+    const char* argument = TakeLastFailureArgument();
+    return argument != nullptr ? argument : "(none)";
+  }
+
+  FakePublisher publisher;
+  RecordingConsumer consumer;
+  std::vector<std::unique_ptr<FakePeer>> peers;
+  FakeManager manager;
+  FilingLoader loader;
+  std::unique_ptr<DefaultClientManager> client;
+  Path* publisherNode;
+  PublisherState* publisherState;
+};
+
+}  // namespace testing_fakes
+}  // namespace MetricsFramework
+
+#endif  // KT_TESTS_CLIENT_CLIENT_TEST_SUPPORT_H_
