@@ -11,6 +11,7 @@
 
 #include "kt/extension.h"
 #include "kt/logger.h"
+#include "support/stub_loader.h"
 
 namespace {
 
@@ -24,16 +25,8 @@ using MetricsFramework::ILogger;
 using MetricsFramework::KT_STATUS;
 
 // A loader that counts the extensions handed back to it.
-class CountingLoader : public IExtensionLoader {
+class CountingLoader : public MetricsFramework::testing_fakes::StubLoader {
  public:
-  KT_STATUS LoadModule(const char*) override { return 0; }
-  KT_STATUS UnloadModule(const char*) override { return 0; }
-  unsigned int GetModuleCount() override { return 0; }
-  const ExtensionBinaryDesc* GetModule(unsigned int) override { return nullptr; }
-  IExtension* FindExtension(const char*) override { return nullptr; }
-  KT_STATUS AddExtension(const char*, IKTExtensionBase*, const ExtensionBinaryDesc*) override {
-    return 0;
-  }
   KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
     ++removals;
     removed = extension;

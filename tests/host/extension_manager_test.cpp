@@ -1,6 +1,7 @@
 #include "host/default_extension_manager.h"
 
 #include <gtest/gtest.h>
+#include "support/stub_loader.h"
 #include <unistd.h>
 
 #include <cstdio>
@@ -200,18 +201,7 @@ class ProbingConsumer : public FakeConsumer {
   bool walkable = true;
 };
 
-class FakeLoader : public IExtensionLoader {
- public:
-  KT_STATUS LoadModule(const char*) override { return 0; }
-  KT_STATUS UnloadModule(const char*) override { return 0; }
-  unsigned int GetModuleCount() override { return 0; }
-  const ExtensionBinaryDesc* GetModule(unsigned int) override { return nullptr; }
-  IExtension* FindExtension(const char*) override { return nullptr; }
-  KT_STATUS AddExtension(const char*, IKTExtensionBase*, const ExtensionBinaryDesc*) override {
-    return 0;
-  }
-  KT_STATUS RemoveExtension(IKTExtensionBase*) override { return 0; }
-};
+using FakeLoader = testing_fakes::StubLoader;
 
 // A sample queue of one block; records what it is given back.
 class FakeBuffer : public IReadWriteBuffer {

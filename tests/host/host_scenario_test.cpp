@@ -14,6 +14,7 @@
 #include "kt/export_table.h"
 #include "kt/extension_manager.h"
 #include "modules/test_extensions.h"
+#include "support/stub_loader.h"
 
 namespace {
 
@@ -21,13 +22,8 @@ using namespace MetricsFramework;
 
 // The host's loader: files what the library asks it to file with the manager,
 // under the name it was given, and removes it again.
-class HostLoader : public IExtensionLoader {
+class HostLoader : public testing_fakes::StubLoader {
  public:
-  KT_STATUS LoadModule(const char*) override { return 0; }
-  KT_STATUS UnloadModule(const char*) override { return 0; }
-  unsigned int GetModuleCount() override { return 0; }
-  const ExtensionBinaryDesc* GetModule(unsigned int) override { return nullptr; }
-  IExtension* FindExtension(const char*) override { return nullptr; }
   KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
                          const ExtensionBinaryDesc*) override {
     names[extension] = name;

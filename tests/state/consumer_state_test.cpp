@@ -10,42 +10,13 @@
 #include "state/metric_state.h"
 #include "state_fakes.h"
 #include "support/fake_manager.h"
+#include "support/filing_loader.h"
 #include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
 namespace {
 
 using namespace testing_fakes;
-
-// Files conduits the way the extension manager does: a node under "conduits"
-// with a ConduitState, then Load with the node's handle.
-class FilingLoader : public IExtensionLoader {
- public:
-  explicit FilingLoader(FakeManager& manager) : manager(manager) {}
-  KT_STATUS LoadModule(const char*) override { return 0; }
-  KT_STATUS UnloadModule(const char*) override { return 0; }
-  unsigned int GetModuleCount() override { return 0; }
-  const ExtensionBinaryDesc* GetModule(unsigned int) override { return nullptr; }
-  IExtension* FindExtension(const char*) override { return nullptr; }
-  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
-                         const ExtensionBinaryDesc*) override {
-    ++added;
-    auto* conduit = dynamic_cast<IConduit*>(extension);
-    Path* node = manager.registry.GetChild("conduits", kPathCreate | kPathUnlisted)
-                     ->GetChildNamed(name, kPathCreate | kPathUnlisted);
-    new ConduitState(conduit, node);
-    extension->Load(&manager, nullptr, node->GetHandle(), this);
-    return KT_STATUS_SUCCESS;
-  }
-  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
-    ++removed;
-    extension->Unload();
-    return KT_STATUS_SUCCESS;
-  }
-  FakeManager& manager;
-  int added = 0;
-  int removed = 0;
-};
 
 class ConsumerStateTest : public ::testing::Test {
  protected:
@@ -92,7 +63,7 @@ TEST_F(ConsumerStateTest, LocalConduitIsRegisteredOnceUnderTheConsumersName) {
 
   EXPECT_NE(first, 0u);
   EXPECT_EQ(second, first);
-  EXPECT_EQ(loader.added, 1);
+  EXPECT_EQ(loader.added.size(), 1u);
   EXPECT_EQ(registry().GetChild("conduits", 0)->GetChildNamed("LocalConduit_k", 0)->GetHandle(),
             first);
 }
@@ -103,7 +74,7 @@ TEST_F(ConsumerStateTest, ForeignMachineOrMissingLoaderGivesNoConduit) {
   auto* orphan = new ConsumerState(&unloaded, registry().GetChild("consumers/o", kPathCreate));
 
   EXPECT_EQ(orphan->GetConduitHandle(LocalGuid()), 0u);
-  EXPECT_EQ(loader.added, 0);
+  EXPECT_TRUE(loader.added.empty());
 }
 
 TEST_F(ConsumerStateTest, SubscriptionsAreLinkedOnBothSidesOnce) {
@@ -182,7 +153,7 @@ TEST_F(ConsumerStateTest, DestroyingTheConsumerFirstUnsubscribesAndDropsItsCondu
   delete node;
 
   EXPECT_EQ(registry().ResolveHandle(conduitHandle), nullptr);
-  EXPECT_EQ(loader.removed, 1);
+  EXPECT_EQ(loader.removed.size(), 1u);
   EXPECT_FALSE(metric->GetChild("bindings", 0)->HasChildren());
   EXPECT_EQ(publisher.unbinds, 1);
 }
@@ -220,7 +191,7 @@ TEST(ConsumerTeardownTest, RegistryTeardownDoesNotAskTheLoader) {
 
   manager.reset();
 
-  EXPECT_EQ(loader.removed, 0);
+  EXPECT_TRUE(loader.removed.empty());
 }
 
 }  // namespace
