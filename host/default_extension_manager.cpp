@@ -15,6 +15,7 @@
 #include "kt/probe.h"
 #include "kt/publisher.h"
 #include "kt/remote_method.h"
+#include "remote/client_command_method.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
 #include "state/logger_state.h"
@@ -48,10 +49,11 @@ Face* FaceOf(IExtension* extension, const char* name) {
   return static_cast<Face*>(extension->CastTo(name));
 }
 
-// The client command method's class comes with remote access; until it does,
-// the method is known by its own answer to its class name (the run-time cast
-// joins this test once the class is there).
+// The client command method: a run-time cast first, then its own answer to
+// its class name, since a copy built into another module does not share our
+// type information.
 bool IsClientCommandMethod(IExtension* extension) {
+  if (dynamic_cast<ClientCommandMethod*>(extension) != nullptr) return true;
   return extension->CastTo("ClientCommandMethod") != nullptr;
 }
 

@@ -4,16 +4,15 @@
 
 #include "client/default_client_manager.h"
 #include "host/default_extension_manager.h"
+#include "remote/client_command_method.h"
 
 namespace MetricsFramework {
 namespace {
 
 // The factories behind the rows, each answering its product as an extension.
-// The client command method arrives with remote access; until then its row is
-// final and its factory answers null.
 IExtension* CreateExtensionManager() { return DefaultExtensionManager::Create(); }
 IExtension* CreateClientManager() { return DefaultExtensionManager::CreateClientManager(); }
-IExtension* CreateClientCommandMethod() { return nullptr; }
+IExtension* CreateClientCommandMethod() { return ClientCommandMethod::Create(); }
 
 }  // namespace
 }  // namespace MetricsFramework

@@ -98,6 +98,11 @@ unsigned long ConsumerState::GetConduitHandle(unsigned int guid) {
   return localConduit.GetHandle();
 }
 
+void ConsumerState::SetConduitHandle(unsigned int guid, unsigned long conduitHandle) {
+  WriteGuard hold(stateLock);
+  conduitHandles[guid] = conduitHandle;
+}
+
 KT_STATUS ConsumerState::FlushConduits() {
   ReadGuard hold(stateLock);
   Registry* registry = RegistryOf(m_path);

@@ -44,6 +44,10 @@ class ConsumerState : public PathData {
   // machine `guid`; 0 when there is none. For this machine the local conduit is
   // registered through the consumer's loader on first use.
   unsigned long GetConduitHandle(unsigned int guid);
+  // Records `conduitHandle` as the conduit that carries data to this consumer
+  // from the machine `guid`, replacing any earlier entry. Another machine's
+  // conduit is set up by whoever connects to it; nothing here fills it.
+  void SetConduitHandle(unsigned int guid, unsigned long conduitHandle);
   // Flushes the bindings of the local conduit; success when it has none.
   KT_STATUS FlushConduits();
 

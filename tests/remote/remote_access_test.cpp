@@ -1,0 +1,668 @@
+// Two processes in one test: process A and process B are each an extension
+// manager with its own registry and GUID, a client manager and a host loader.
+// A serves the client-manager protocol with its ClientCommandMethod; B mounts
+// A under "peers" with a ClientManagerProxy whose requests travel through a
+// conduit of B that dispatches straight into A's manager.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <memory>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/default_client_manager.h"
+#include "host/default_extension_manager.h"
+#include "kt/remote_method.h"
+#include "registry/registry.h"
+#include "remote/client_command_method.h"
+#include "remote/client_manager_proxy.h"
+#include "remote/descriptor_blob.h"
+#include "remote/proxy_buffer.h"
+#include "state/consumer_state.h"
+#include "state/peer_state.h"
+#include "state/state_fakes.h"
+#include "support/stub_loader.h"
+#include "transport/queue_buffer.h"
+
+namespace MetricsFramework {
+namespace {
+
+using namespace testing_fakes;
+
+// Files what the library asks to file with its manager, as a host does.
+class HostLoader : public StubLoader {
+ public:
+  explicit HostLoader(DefaultExtensionManager& manager) : manager(manager) {}
+  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
+                         const ExtensionBinaryDesc*) override {
+    names[extension] = name;
+    return manager.Add(ExtensionBinaryDesc{}, name, extension, this);
+  }
+  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
+    const std::string name = names[extension];
+    names.erase(extension);
+    return manager.Remove(ExtensionBinaryDesc{}, name.c_str(), extension, this);
+  }
+  DefaultExtensionManager& manager;
+  std::map<IKTExtensionBase*, std::string> names;
+};
+
+// A manager made by the export table hands its client manager to every
+// extension it loads; these are built directly, so A's method is handed A's.
+class ServedCommandMethod : public ClientCommandMethod {
+ public:
+  void Load(IExtensionManager* manager, IClientManager*, unsigned long handle,
+            IExtensionLoader* loader) override {
+    ClientCommandMethod::Load(manager, client, handle, loader);
+  }
+  IClientManager* client = nullptr;
+};
+
+// A conduit of B whose transactions cross into A's manager. It notes the op
+// and first value of every request; `lost` makes it drop them with that
+// status instead.
+class CrossingConduit : public FakeConduit {
+ public:
+  struct Sent {
+    unsigned long method;
+    unsigned int op;
+    unsigned long a;
+  };
+  KT_STATUS Transact(unsigned long method, const IReadBuffer* request,
+                     IWriteBuffer* reply) override {
+    unsigned long a = 0;
+    ProxyBuffer::Read(request, a);
+    sent.push_back({method, ProxyBuffer::GetOp(request), a});
+    if (lost != KT_STATUS_SUCCESS) return lost;
+    return far->DispatchRemoteMethod(method, request, reply);
+  }
+  unsigned long GetRemoteHandle() override { return remote; }
+  std::vector<unsigned int> Ops() const {
+    std::vector<unsigned int> ops;
+    for (const Sent& s : sent) ops.push_back(s.op);
+    return ops;
+  }
+  DefaultExtensionManager* far = nullptr;
+  unsigned long remote = 0;
+  KT_STATUS lost = KT_STATUS_SUCCESS;
+  std::vector<Sent> sent;
+};
+
+// A method of A that answers "echo:" and the bytes of its argument record.
+class EchoMethod : public IRemoteMethod {
+ public:
+  bool Run(const IReadBuffer* args, IWriteBuffer* returns) override {
+    const void* data = nullptr;
+    unsigned long size = 0;
+    args->GetData(&data, &size);
+    std::string text = "echo:";
+    if (data != nullptr) text.append(static_cast<const char*>(data), size);
+    void* block = returns->Reserve(text.size());
+    std::memcpy(block, text.data(), text.size());
+    returns->Commit(block);
+    return true;
+  }
+  void GetRemoteMethodDesc(RemoteMethodDesc& desc) override { std::strcpy(desc.m_name, "echo"); }
+};
+
+// A buffer of neither the queue buffer's class nor the proxy buffer's: each
+// record is a string of its own. `failReserve` makes Reserve throw as an
+// exhausted allocator does.
+class StringBuffer : public IReadWriteBuffer {
+ public:
+  void GetData(const void** data, unsigned long* size) const override {
+    *data = records.empty() ? nullptr : records.front().data();
+    if (size != nullptr) *size = records.empty() ? 0 : records.front().size();
+  }
+  void MakeAvailable(const void*) const override {}
+  void Flush() override {}
+  void* Reserve(unsigned long size) override {
+    if (failReserve) throw std::bad_alloc();
+    pending.emplace_back(size, '\0');
+    return &pending.back()[0];
+  }
+  void Commit(void*) override {
+    records.push_back(std::move(pending.front()));
+    pending.pop_front();
+  }
+  void CommitTimeBasedMetric(void*) override {}
+  std::deque<std::string> pending;
+  std::deque<std::string> records;
+  bool failReserve = false;
+};
+
+// The far side of B's mount: hands out the proxy; releasing it is a no-op
+// (the fixture owns both).
+class ProxyPeer : public IPeer {
+ public:
+  void Release() override {}
+  IClientManager* GetClientManager() override { return clientManager; }
+  IClientManager* clientManager = nullptr;
+};
+
+class RecordingListener : public IClientManagerErrorListener {
+ public:
+  void OnError(unsigned long metric, unsigned int status) override {
+    errors.emplace_back(metric, status);
+  }
+  std::vector<std::pair<unsigned long, unsigned int>> errors;
+};
+
+// Process A publishes "publishers/p/m" and "publishers/p/m2", serves the
+// protocol and files B's subscriptions under its conduit "served"; its root
+// lists a "peers" node of its own. Process B mounts A as "peers/A".
+// Extensions are declared first so that they outlive the registries that
+// point at them; the client managers go before their managers.
+class RemoteAccessTest : public ::testing::Test {
+ protected:
+  RemoteAccessTest() : loaderA(a), loaderB(b) {
+    clientA = std::make_unique<DefaultClientManager>(a.GetRegistry());
+    clientB = std::make_unique<DefaultClientManager>(b.GetRegistry());
+    clientA->m_loader = &loaderA;
+    clientB->m_loader = &loaderB;
+    command.client = clientA.get();
+    EXPECT_EQ(loaderA.AddExtension("ClientCommandMethod", &command, nullptr), KT_STATUS_SUCCESS);
+    EXPECT_EQ(loaderA.AddExtension("p", &publisher, nullptr), KT_STATUS_SUCCESS);
+    EXPECT_EQ(loaderA.AddExtension("served", &served, nullptr), KT_STATUS_SUCCESS);
+    EXPECT_EQ(loaderA.AddExtension("echo", &echo, nullptr), KT_STATUS_SUCCESS);
+    metric = Publish("m");
+    metric2 = Publish("m2");
+    aRoot = a.GetRegistry().GetHandle();
+    aPeers = a.GetRegistry().GetChild("peers", kPathCreate)->GetHandle();
+
+    toA.far = &a;
+    toA.remote = served.GetHandle();
+    EXPECT_EQ(loaderB.AddExtension("toA", &toA, nullptr), KT_STATUS_SUCCESS);
+    EXPECT_EQ(loaderB.AddExtension("k", &consumer, nullptr), KT_STATUS_SUCCESS);
+    Path* peers = b.GetRegistry().GetChild("peers", kPathCreate);
+    mountHandle = peers->GetHandle();
+    const unsigned long key = static_cast<unsigned long>(a.GetRegistry().GetLocalGuid()) << 32;
+    Path* mount = peers->GetChild(key, kPathCreate | kPathNoHandleEntry);
+    mount->SetName("A");
+    proxy = std::make_unique<ClientManagerProxy>(0x77, mountHandle, "A", clientB.get(),
+                                                 toA.GetHandle(), served.GetHandle());
+    peer.clientManager = proxy.get();
+    new PeerState(&peer, mount);
+  }
+
+  unsigned long Publish(const std::string& uri) {
+    Metric::Description desc;
+    desc.uri = uri;
+    desc.word1 = 5;
+    desc.list1 = {1, 2};
+    unsigned long handle = 0;
+    EXPECT_EQ(a.PublishMetric(&publisher, desc, &handle), KT_STATUS_SUCCESS);
+    return handle;
+  }
+  // A's listed root children as A itself sees them.
+  std::vector<unsigned long> RootChildrenInA() {
+    unsigned int n = 0;
+    EXPECT_EQ(clientA->GetChildCount(aRoot, &n), KT_STATUS_SUCCESS);
+    std::vector<unsigned long> children(n);
+    EXPECT_EQ(clientA->GetChildren(aRoot, children.data(), n), KT_STATUS_SUCCESS);
+    return children;
+  }
+  std::vector<unsigned long> Without(std::vector<unsigned long> handles, unsigned long gone) {
+    handles.erase(std::find(handles.begin(), handles.end(), gone));
+    return handles;
+  }
+  // Serves `request` in A and returns Run's answer; the reply lands in `reply`.
+  bool Serve(const IReadBuffer& request, IWriteBuffer& reply) {
+    return command.Run(&request, &reply);
+  }
+  static std::string Oldest(const IReadBuffer& buffer) {
+    const void* data = nullptr;
+    unsigned long size = 0;
+    buffer.GetData(&data, &size);
+    return data != nullptr ? std::string(static_cast<const char*>(data), size) : "";
+  }
+  unsigned long ConsumerK() { return consumer.GetHandle(); }
+
+  ServedCommandMethod command;
+  FakePublisher publisher;
+  FakeConduit served;
+  EchoMethod echo;
+  CrossingConduit toA;
+  RecordingConsumer consumer;
+  ProxyPeer peer;
+  DefaultExtensionManager a;
+  DefaultExtensionManager b;
+  HostLoader loaderA;
+  HostLoader loaderB;
+  std::unique_ptr<DefaultClientManager> clientA;
+  std::unique_ptr<DefaultClientManager> clientB;
+  std::unique_ptr<ClientManagerProxy> proxy;
+  unsigned long metric = 0;
+  unsigned long metric2 = 0;
+  unsigned long aRoot = 0;
+  unsigned long aPeers = 0;
+  unsigned long mountHandle = 0;
+};
+
+// ---------------------------------------------------------------------------
+// A client of B works on A's namespace.
+
+TEST_F(RemoteAccessTest, TheWellKnownHandleReachesTheCommandMethodOfA) {
+  ASSERT_NE(a.GetRegistry().GetLocalGuid(), b.GetRegistry().GetLocalGuid());
+  Path* methods = a.GetRegistry().GetChild("methods", 0);
+  ASSERT_NE(methods, nullptr);
+  EXPECT_EQ(a.GetRegistry().ResolveHandle(kClientCommandHandle),
+            methods->GetChildNamed("ClientCommandMethod", 0));
+  EXPECT_EQ(b.GetRegistry().ResolveHandle(kClientCommandHandle), nullptr);
+}
+
+TEST_F(RemoteAccessTest, PathThroughTheMountIsResolvedByA) {
+  unsigned long handle = 0;
+  ASSERT_EQ(clientB->GetPath(0, "peers/A/publishers/p/m", &handle), KT_STATUS_SUCCESS);
+  EXPECT_EQ(handle, metric);
+  // The mount asks A for its root, then for the rest of the path.
+  EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{1, 1}));
+  EXPECT_EQ(toA.sent[1].a, aRoot);
+  EXPECT_EQ(toA.sent[0].method, kClientCommandHandle);
+
+  EXPECT_EQ(clientB->GetPath(0, "peers/A/publishers/nothing", &handle),
+            KT_STATUS_DOES_NOT_EXIST);
+  EXPECT_EQ(handle, 0u) << "the failed reply's handle is copied back";
+}
+
+TEST_F(RemoteAccessTest, ListingsOfARootHidePeersAndGiveCountRealChildren) {
+  const std::vector<unsigned long> all = RootChildrenInA();
+  ASSERT_NE(std::find(all.begin(), all.end(), aPeers), all.end());
+  const std::vector<unsigned long> visible = Without(all, aPeers);
+  const auto n = static_cast<unsigned int>(visible.size());
+
+  unsigned int count = 0;
+  ASSERT_EQ(clientB->GetChildCount(aRoot, &count), KT_STATUS_SUCCESS);
+  EXPECT_EQ(count, n);
+  std::vector<unsigned long> children(n, 0);
+  ASSERT_EQ(clientB->GetChildren(aRoot, children.data(), n), KT_STATUS_SUCCESS);
+  EXPECT_EQ(children, visible) << "one more is fetched, so none is lost to the removal";
+
+  // Asking for as many as A holds keeps the old tail: the last slot repeats.
+  std::vector<unsigned long> tail(n + 1, 0);
+  ASSERT_EQ(clientB->GetChildren(aRoot, tail.data(), n + 1), KT_STATUS_SUCCESS);
+  std::vector<unsigned long> expected = visible;
+  expected.push_back(visible.back());
+  EXPECT_EQ(tail, expected);
+}
+
+TEST_F(RemoteAccessTest, PeersIsHiddenOnlyWhenListedAndOnlyAtTheRoot) {
+  delete a.GetRegistry().GetChild("peers", 0);
+  a.GetRegistry().GetChild("peers", kPathCreate | kPathUnlisted);
+  const std::vector<unsigned long> all = RootChildrenInA();
+  unsigned int count = 0;
+  ASSERT_EQ(proxy->GetChildCount(aRoot, &count), KT_STATUS_SUCCESS);
+  EXPECT_EQ(count, all.size()) << "an unlisted peers node is not counted, so not subtracted";
+
+  Path* tree = a.GetRegistry().GetChild("tree", kPathCreate);
+  tree->GetChild("peers", kPathCreate);
+  tree->GetChild("x", kPathCreate);
+  ASSERT_EQ(proxy->GetChildCount(tree->GetHandle(), &count), KT_STATUS_SUCCESS);
+  EXPECT_EQ(count, 2u);
+}
+
+TEST_F(RemoteAccessTest, ResourceInfoShowsARootAsTheMountAndOtherNodesAsTheyAre) {
+  ResourceInfo info{};
+  ASSERT_EQ(clientB->GetResourceInfo(aRoot, &info), KT_STATUS_SUCCESS);
+  EXPECT_EQ(info.name, "A");
+  EXPECT_EQ(info.parent, mountHandle);
+
+  ASSERT_EQ(clientB->GetResourceInfo(metric, &info), KT_STATUS_SUCCESS);
+  EXPECT_EQ(info.name, "m");
+  EXPECT_EQ(info.kind, static_cast<unsigned long>(RESOURCE_TYPE_METRIC));
+  EXPECT_EQ(info.parent, publisher.GetHandle());
+
+  // A name far beyond any in-place string storage crosses whole.
+  const std::string longName(300, 'n');
+  const unsigned long node = a.GetRegistry().GetChild(longName.c_str(), kPathCreate)->GetHandle();
+  ASSERT_EQ(proxy->GetResourceInfo(node, &info), KT_STATUS_SUCCESS);
+  EXPECT_EQ(info.name, longName);
+  EXPECT_EQ(info.parent, aRoot);
+
+  // A's failure, joined with the failed dispatch of its method.
+  ResourceInfo untouched{"kept", 1, 2, 3, 4};
+  EXPECT_EQ(proxy->GetResourceInfo(aRoot + 12345, &untouched),
+            KT_STATUS_INVALID_OBJECT | KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(untouched.name, "kept");
+}
+
+TEST_F(RemoteAccessTest, ResourceReplyIsTheFixedRecordThenTheName) {
+  StringBuffer reply;
+  ASSERT_TRUE(Serve(ProxyBuffer(4, metric), reply));
+  ASSERT_EQ(reply.records.size(), 1u);
+  const std::string& record = reply.records.front();
+  ASSERT_EQ(record.size(), 4u + 64u + 2u);
+  unsigned int status = 99;
+  unsigned long words[4];
+  std::memcpy(&status, record.data(), 4);
+  std::memcpy(words, record.data() + 4 + 32, sizeof(words));
+  EXPECT_EQ(status, 0u);
+  EXPECT_EQ(record.substr(4, 32), std::string(32, '\0'));
+  EXPECT_EQ(words[1], static_cast<unsigned long>(RESOURCE_TYPE_METRIC));
+  EXPECT_EQ(words[2], publisher.GetHandle());
+  EXPECT_EQ(record.substr(68), std::string("m\0", 2));
+}
+
+TEST_F(RemoteAccessTest, AConsumerOfBIsSubscribedToAMetricOfA) {
+  Path* node = b.GetRegistry().ResolveHandle(ConsumerK());
+  auto* state = dynamic_cast<ConsumerState*>(node->GetPayload());
+  ASSERT_NE(state, nullptr);
+  state->SetConduitHandle(a.GetRegistry().GetLocalGuid(), toA.GetHandle());
+
+  ASSERT_EQ(clientB->SubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
+  EXPECT_EQ(publisher.binds, 1) << "A binds the metric to its conduit";
+  EXPECT_EQ(served.buffers.size(), 1u);
+  // B fetches the description and the node, then A subscribes.
+  EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{5, 4, 6}));
+
+  ASSERT_EQ(clientB->UnsubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
+  EXPECT_EQ(publisher.unbinds, 1);
+  EXPECT_EQ(toA.Ops().back(), 7u);
+}
+
+TEST_F(RemoteAccessTest, ARemoteMethodOfAWritesIntoTheCallersOwnBuffer) {
+  QueueBuffer args(0, nullptr, 0, 0, 0);
+  void* block = args.Reserve(5);
+  std::memcpy(block, "hello", 5);
+  args.Commit(block);
+  QueueBuffer returns(0, nullptr, 0, 0, 0);
+
+  ASSERT_EQ(clientB->CallRemoteMethodSync(echo.GetHandle(), &args, &returns), KT_STATUS_SUCCESS);
+  EXPECT_EQ(Oldest(returns), "echo:hello");
+  EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{9}));
+  EXPECT_EQ(toA.sent[0].a, echo.GetHandle());
+}
+
+// ---------------------------------------------------------------------------
+// The proxy's operations, each through the transport and back.
+
+TEST_F(RemoteAccessTest, EveryOperationCrossesAsItsOpAndIsAnswered) {
+  unsigned long handle = 0;
+  unsigned int count = 0;
+  unsigned long child = 0;
+  ResourceInfo info{};
+  Metric::Description desc;
+  StringBuffer returns;
+  ProxyBuffer args;
+
+  EXPECT_EQ(proxy->GetPath(aRoot, "publishers/p", &handle), KT_STATUS_SUCCESS);
+  EXPECT_EQ(handle, publisher.GetHandle());
+  EXPECT_EQ(proxy->GetChildCount(handle, &count), KT_STATUS_SUCCESS);
+  EXPECT_EQ(count, 2u);
+  EXPECT_EQ(proxy->GetChildren(handle, &child, 1), KT_STATUS_SUCCESS);
+  EXPECT_TRUE(child == metric || child == metric2);
+  EXPECT_EQ(proxy->GetResourceInfo(handle, &info), KT_STATUS_SUCCESS);
+  EXPECT_EQ(info.name, "p");
+  EXPECT_EQ(proxy->GetMetricDescriptor(metric, &desc), KT_STATUS_SUCCESS);
+  EXPECT_EQ(proxy->SubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
+  EXPECT_EQ(proxy->UnsubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
+  EXPECT_EQ(proxy->FlushMetrics(ConsumerK()), KT_STATUS_SUCCESS);
+  EXPECT_EQ(proxy->CallRemoteMethodSync(echo.GetHandle(), &args, &returns), KT_STATUS_SUCCESS);
+  ASSERT_EQ(returns.records.size(), 1u);
+  EXPECT_EQ(returns.records.front(), "echo:") << "an empty argument arrives as no record";
+
+  EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
+  EXPECT_EQ(publisher.binds, 1);
+  EXPECT_EQ(publisher.unbinds, 1);
+}
+
+TEST_F(RemoteAccessTest, FlushSendsTheRemoteConduitWhateverTheConsumer) {
+  ASSERT_EQ(proxy->SubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
+  toA.sent.clear();
+  EXPECT_EQ(proxy->FlushMetrics(0), KT_STATUS_SUCCESS);
+  EXPECT_EQ(proxy->FlushMetrics(424242), KT_STATUS_SUCCESS);
+  ASSERT_EQ(toA.sent.size(), 2u);
+  EXPECT_EQ(toA.sent[0].a, served.GetHandle());
+  EXPECT_EQ(toA.sent[1].a, served.GetHandle());
+  ASSERT_EQ(publisher.bound.size(), 1u);
+  const std::string flush = "flush " + std::to_string(served.GetHandle());
+  EXPECT_EQ(std::count(publisher.bound[0]->calls.begin(), publisher.bound[0]->calls.end(), flush),
+            2);
+}
+
+TEST_F(RemoteAccessTest, DescriptorReadsTheSizeRecordTwiceAsKept) {
+  Metric::Description local;
+  ASSERT_EQ(clientA->GetMetricDescriptor(metric, &local), KT_STATUS_SUCCESS);
+  const auto blobSize = static_cast<unsigned int>(EncodeDescription(local).size());
+  Metric::Description desc;
+  desc.list1 = {9};
+  desc.uri = "before";
+
+  ASSERT_EQ(proxy->GetMetricDescriptor(metric, &desc), KT_STATUS_SUCCESS);
+  // The second read takes the size record again: its four bytes land at the
+  // front of a zeroed blob, so the id is the blob's size and all else empty.
+  EXPECT_EQ(desc.id, blobSize);
+  EXPECT_EQ(desc.flags, 0u);
+  EXPECT_EQ(desc.list1, (std::vector<unsigned int>{9})) << "lists are appended to";
+  EXPECT_EQ(desc.word1, 0u);
+  EXPECT_EQ(desc.uri, "");
+  EXPECT_EQ(desc.word4, 0u);
+  EXPECT_EQ(desc.word5, 0u);
+
+  Metric::Description unknown;
+  unknown.uri = "kept";
+  EXPECT_EQ(proxy->GetMetricDescriptor(aRoot + 12345, &unknown), KT_STATUS_INVALID_OBJECT);
+  EXPECT_EQ(unknown.uri, "kept");
+}
+
+TEST_F(RemoteAccessTest, DescriptorReplyIsTwoRecordsAlsoOnFailure) {
+  StringBuffer reply;
+  EXPECT_FALSE(Serve(ProxyBuffer(5, aRoot + 12345), reply));
+  ASSERT_EQ(reply.records.size(), 2u);
+  unsigned int status = 0;
+  unsigned int size = 0;
+  std::memcpy(&status, reply.records[0].data(), 4);
+  std::memcpy(&size, reply.records[0].data() + 4, 4);
+  EXPECT_EQ(status, KT_STATUS_INVALID_OBJECT);
+  EXPECT_EQ(size, 62u) << "the default description";
+  EXPECT_EQ(reply.records[1].size(), 4u + 62u);
+
+  Metric::Description decoded;
+  ASSERT_TRUE(DecodeDescription(reply.records[1].data() + 4, 62, &decoded));
+  EXPECT_EQ(decoded.id, 0xFFFFFFFFu);
+  EXPECT_EQ(decoded.word4, 0xFFFFFFFFu);
+}
+
+TEST_F(RemoteAccessTest, BatchSubscriptionTellsTheListenerOfEachFailure) {
+  const unsigned long metrics[3] = {metric, 0, metric2};
+  RecordingListener listener;
+  EXPECT_EQ(proxy->SubscribeMetrics(ConsumerK(), metrics, 3, &listener),
+            KT_STATUS_PARTIAL_FAILURE);
+  EXPECT_EQ(listener.errors,
+            (std::vector<std::pair<unsigned long, unsigned int>>{{0, KT_STATUS_INVALID_ARGUMENT}}));
+  EXPECT_EQ(publisher.binds, 2);
+
+  RecordingListener quiet;
+  EXPECT_EQ(proxy->UnsubscribeMetrics(ConsumerK(), metrics, 0, &quiet), KT_STATUS_SUCCESS);
+  EXPECT_EQ(proxy->UnsubscribeMetrics(ConsumerK(), metrics, 1, &quiet), KT_STATUS_SUCCESS);
+  EXPECT_TRUE(quiet.errors.empty());
+  EXPECT_EQ(publisher.unbinds, 1);
+}
+
+TEST_F(RemoteAccessTest, ProbesAndMetricListsAreNotAvailableThroughAProxy) {
+  unsigned long site = 55;
+  std::vector<std::pair<unsigned long, Metric::Description>> metrics;
+  std::vector<std::string> groups{"g"};
+  EXPECT_EQ(proxy->CreateProbe(1, nullptr, &site), KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(site, 55u);
+  EXPECT_EQ(proxy->DestroyProbe(1), KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(proxy->BeginProbe(1, 2, 3, Metrics::kEventNone, nullptr),
+            KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(proxy->EndProbe(1, 2, Metrics::kEventNone, nullptr), KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(proxy->HandleProbe(1), KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(proxy->OnChangeStateCommandList(1, nullptr, nullptr, Metrics::kCommandListIdle),
+            KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(proxy->GetMetrics(aRoot, metrics, &groups, nullptr), KT_STATUS_SUCCESS);
+  EXPECT_TRUE(metrics.empty());
+  EXPECT_EQ(groups, std::vector<std::string>{"g"});
+  EXPECT_TRUE(toA.sent.empty());
+}
+
+TEST_F(RemoteAccessTest, UnansweredCallsJoinTheTransportStatusWithTheMissingReply) {
+  unsigned int count = 77;
+  toA.lost = KT_STATUS_INVALID_SIZE;
+  EXPECT_EQ(proxy->GetChildCount(aRoot, &count), KT_STATUS_INVALID_SIZE | KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(count, 77u);
+
+  // A proxy whose client manager is not this library's has no transport.
+  ClientManagerProxy stranded(0, mountHandle, "A", proxy.get(), toA.GetHandle(), 0);
+  EXPECT_EQ(stranded.GetChildCount(aRoot, &count),
+            KT_STATUS_INVALID_OBJECT | KT_STATUS_INVALID_OPERATION);
+}
+
+// ---------------------------------------------------------------------------
+// Run, served directly.
+
+TEST_F(RemoteAccessTest, RunRefusesEmptyShortAndUnknownRequestsWithoutAReply) {
+  ProxyBuffer empty;
+  StringBuffer shortRequest;
+  shortRequest.Commit(shortRequest.Reserve(2));
+  for (unsigned int op : {0u, 10u}) {
+    ProxyBuffer reply;
+    EXPECT_FALSE(Serve(ProxyBuffer(op, aRoot), reply)) << op;
+    EXPECT_EQ(Oldest(reply), "") << op;
+  }
+  for (const IReadBuffer* request : {static_cast<const IReadBuffer*>(&empty),
+                                     static_cast<const IReadBuffer*>(&shortRequest)}) {
+    ProxyBuffer reply;
+    EXPECT_FALSE(Serve(*request, reply));
+    EXPECT_EQ(Oldest(reply), "");
+  }
+
+  // Through the transport, the missing reply reads back as 4.
+  ProxyBuffer reply;
+  const KT_STATUS sent =
+      clientB->CallRemoteMethodSync(toA.GetHandle(), kClientCommandHandle, &empty, &reply);
+  EXPECT_EQ(sent, KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(sent | reply.ReadBack(nullptr, 0), KT_STATUS_INVALID_OPERATION);
+}
+
+TEST_F(RemoteAccessTest, RunServesRequestsInBuffersOfAnyClass) {
+  StringBuffer request;
+  const std::string path = "publishers/p/m";
+  std::string record(12, '\0');
+  const unsigned int op = 1;
+  std::memcpy(&record[0], &op, 4);
+  record += path;
+  record.push_back('\0');
+  void* block = request.Reserve(record.size());
+  std::memcpy(block, record.data(), record.size());
+  request.Commit(block);
+  StringBuffer reply;
+
+  ASSERT_TRUE(Serve(request, reply));
+  ASSERT_EQ(reply.records.size(), 1u);
+  unsigned long handle = 0;
+  std::memcpy(&handle, reply.records.front().data() + 4, 8);
+  EXPECT_EQ(handle, metric);
+}
+
+TEST_F(RemoteAccessTest, ShortRequestsDecodeAsDefaults) {
+  // Op 1 alone: start 0 and the empty path name the root.
+  StringBuffer request;
+  const unsigned int op = 1;
+  std::memcpy(request.Reserve(4), &op, 4);
+  request.Commit(nullptr);
+  ProxyBuffer reply;
+  ASSERT_TRUE(Serve(request, reply));
+  unsigned long handle = 0;
+  EXPECT_EQ(reply.ReadBack(&handle, 8), KT_STATUS_SUCCESS);
+  EXPECT_EQ(handle, aRoot);
+}
+
+TEST_F(RemoteAccessTest, ChildrenBeyondTheCountAreRefusedBeforeAnythingIsAllocated) {
+  StringBuffer reply;
+  EXPECT_FALSE(Serve(ProxyBuffer(3, aRoot, 0xFFFFFFFFul), reply));
+  ASSERT_EQ(reply.records.size(), 1u);
+  EXPECT_EQ(reply.records.front(), std::string("\x0a\0\0\0", 4)) << "status 10, no data";
+}
+
+TEST_F(RemoteAccessTest, RunFailsWhenItsReplyCannotBeAllocated) {
+  StringBuffer reply;
+  reply.failReserve = true;
+  EXPECT_FALSE(Serve(ProxyBuffer(2, aRoot, ""), reply));
+  EXPECT_TRUE(reply.records.empty());
+}
+
+TEST_F(RemoteAccessTest, PayloadLongerThanItsRequestIsRefused) {
+  // Op 9 whose length field claims 1000 bytes behind a 20-byte header.
+  std::string record(20, '\0');
+  const unsigned int op = 9;
+  const unsigned long method = echo.GetHandle();
+  const unsigned long length = 1000;
+  std::memcpy(&record[0], &op, 4);
+  std::memcpy(&record[4], &method, 8);
+  std::memcpy(&record[12], &length, 8);
+  StringBuffer request;
+  void* block = request.Reserve(record.size());
+  std::memcpy(block, record.data(), record.size());
+  request.Commit(block);
+  StringBuffer reply;
+  EXPECT_FALSE(Serve(request, reply));
+  EXPECT_TRUE(reply.records.empty()) << "the echo method never ran";
+}
+
+TEST_F(RemoteAccessTest, CallsNestedIntoTheCommandMethodStopAtABoundedDepth) {
+  // Each level asks the command method to run the next level's request; the
+  // innermost asks for the root's child count.
+  auto nested = [this](int levels) {
+    std::vector<std::unique_ptr<ProxyBuffer>> requests;
+    requests.push_back(std::make_unique<ProxyBuffer>(2, aRoot, ""));
+    for (int i = 0; i < levels; ++i) {
+      requests.push_back(std::make_unique<ProxyBuffer>(9, kClientCommandHandle,
+                                                       requests.back().get()));
+    }
+    return requests;
+  };
+  const auto shallow = nested(3);
+  StringBuffer reply;
+  ASSERT_TRUE(Serve(*shallow.back(), reply));
+  ASSERT_EQ(reply.records.size(), 1u);
+  EXPECT_EQ(reply.records.front().size(), 8u) << "the innermost count";
+
+  const auto deep = nested(40);
+  StringBuffer none;
+  EXPECT_FALSE(Serve(*deep.back(), none));
+  EXPECT_TRUE(none.records.empty());
+}
+
+// ---------------------------------------------------------------------------
+// The method's own faces.
+
+TEST_F(RemoteAccessTest, MethodDescribesItselfAsCommandAndAnswersItsNames) {
+  RemoteMethodDesc desc;
+  desc.m_name[0] = 'x';
+  desc.m_inputCount = 3;
+  desc.m_outputCount = 4;
+  command.GetRemoteMethodDesc(desc);
+  EXPECT_STREQ(desc.m_name, "command");
+  EXPECT_EQ(desc.m_inputCount, 0u);
+  EXPECT_EQ(desc.m_outputCount, 0u);
+
+  std::unique_ptr<IKTExtensionBase> made(ClientCommandMethod::Create());
+  auto* method = static_cast<ClientCommandMethod*>(made->CastTo("ClientCommandMethod"));
+  ASSERT_NE(method, nullptr);
+  EXPECT_EQ(dynamic_cast<IKTExtensionBase*>(method), made.get());
+  EXPECT_EQ(made->CastTo("IRemoteMethod"), static_cast<void*>(static_cast<IRemoteMethod*>(method)));
+  EXPECT_EQ(method->CastTo("IKTExtensionBase"), static_cast<void*>(made.get()));
+  EXPECT_EQ(method->CastTo("IConduit"), nullptr);
+  EXPECT_EQ(method->CastTo(nullptr), nullptr);
+  ProxyBuffer reply;
+  EXPECT_FALSE(method->Run(&reply, &reply)) << "without a client manager nothing is served";
+}
+
+TEST_F(RemoteAccessTest, LocalPeersAreFoundOnlyFromTheRoot) {
+  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), aRoot), aPeers);
+  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), metric), 0u);
+  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), 0), 0u);
+  delete a.GetRegistry().GetChild("peers", 0);
+  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), aRoot), 0u);
+}
+
+}  // namespace
+}  // namespace MetricsFramework
