@@ -1,0 +1,45 @@
+// IConsoleConsumer: the face through which a host reads what the console
+// consumer (examples/console_consumer) has received. The host reaches it with
+// CastTo("IConsoleConsumer") on the consumer extension. Shared by the module
+// and the host, and compiled against include/ only.
+//
+// The consumer is called on the publishers' threads; every operation here may
+// be called from any other thread at the same time.
+#ifndef KT_EXAMPLES_CONSOLE_CONSUMER_CONSOLE_CONSUMER_H_
+#define KT_EXAMPLES_CONSOLE_CONSUMER_CONSOLE_CONSUMER_H_
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace kt_examples {
+
+// The latest sample of one metric.
+struct LatestSample {
+  unsigned long handle = 0;
+  unsigned long tag = 0;
+  double value = 0;            // NaN when the sample was not 8 bytes
+  unsigned long received = 0;  // how many samples of the metric arrived
+};
+
+class IConsoleConsumer {
+ public:
+  // Slot 0: where each sample is printed as one line, or null to print
+  // nothing (the host's live table). Standard output until set.
+  virtual void SetOutput(std::FILE* out) = 0;
+  // Slot 1: the name printed with the samples of `handle` (the handle alone
+  // until one is set).
+  virtual void SetName(unsigned long handle, const std::string& name) = 0;
+  // Slot 2: the latest sample of every metric received so far, in the order
+  // in which each metric's first sample arrived.
+  virtual std::vector<LatestSample> Latest() = 0;
+  // Slot 3: how many OnMetricUpdated calls arrived.
+  virtual unsigned long Updates() = 0;
+
+ protected:
+  ~IConsoleConsumer() = default;  // the module owns the object
+};
+
+}  // namespace kt_examples
+
+#endif  // KT_EXAMPLES_CONSOLE_CONSUMER_CONSOLE_CONSUMER_H_
