@@ -51,3 +51,15 @@ fi
 
 PKG_CONFIG_LIBDIR=$prefix/$libdir/pkgconfig PKG_CONFIG_PATH= \
   build_and_check pkg_config_project test_publisher.cpp libpc_publisher.so TestPublisher
+
+# Last, kt-host loads the installed library and both out-of-tree modules.
+tree=$("$build/tools/kt-host" --library "$prefix/$libdir/libkt_DefaultManager.so" --no-examples \
+  --load "$work/find_package_project/build/libfound_consumer.so" \
+  --load "$work/pkg_config_project/build/libpc_publisher.so" tree)
+for name in TestConsumer TestPublisher cpu; do
+  if ! grep -q "$name" <<<"$tree"; then
+    echo "FAIL: kt-host did not file $name from the out-of-tree modules:" >&2
+    echo "$tree" >&2
+    exit 1
+  fi
+done
