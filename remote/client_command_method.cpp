@@ -17,18 +17,6 @@ namespace MetricsFramework {
 
 namespace {
 
-enum : unsigned int {
-  kOpGetPath = 1,
-  kOpGetChildCount = 2,
-  kOpGetChildren = 3,
-  kOpGetResourceInfo = 4,
-  kOpGetMetricDescriptor = 5,
-  kOpSubscribeMetric = 6,
-  kOpUnsubscribeMetric = 7,
-  kOpFlushMetrics = 8,
-  kOpCallRemoteMethod = 9,
-};
-
 constexpr unsigned long kResourceRecordSize = 64;
 constexpr unsigned long kResourceWordsOffset = 32;
 constexpr unsigned long kPayloadOffset = 20;  // op u32, method u64, length u64

@@ -14,18 +14,6 @@ namespace MetricsFramework {
 
 namespace {
 
-enum : unsigned int {
-  kOpGetPath = 1,
-  kOpGetChildCount = 2,
-  kOpGetChildren = 3,
-  kOpGetResourceInfo = 4,
-  kOpGetMetricDescriptor = 5,
-  kOpSubscribeMetric = 6,
-  kOpUnsubscribeMetric = 7,
-  kOpFlushMetrics = 8,
-  kOpCallRemoteMethod = 9,
-};
-
 // The resource record before its name, and room for a name of ordinary
 // length; a longer one makes the reply buffer grow.
 constexpr unsigned int kResourceRecordSize = 64;

@@ -21,6 +21,19 @@
 
 namespace MetricsFramework {
 
+// The op codes of the client-manager protocol: the first word of a request.
+enum : unsigned int {
+  kOpGetPath = 1,
+  kOpGetChildCount = 2,
+  kOpGetChildren = 3,
+  kOpGetResourceInfo = 4,
+  kOpGetMetricDescriptor = 5,
+  kOpSubscribeMetric = 6,
+  kOpUnsubscribeMetric = 7,
+  kOpFlushMetrics = 8,
+  kOpCallRemoteMethod = 9,
+};
+
 class ProxyBuffer : public QueueBuffer {
  public:
   // Empty buffers, used for replies.
