@@ -13,6 +13,9 @@ ReadWriteLock::ExclusiveLock::ExclusiveLock(bool recursive)
 }
 
 void ReadWriteLock::ExclusiveLock::LockEx() {
+  // A free lock has nobody queued, so its ticket is taken without the mutex;
+  // first come, first served is unchanged.
+  if (TryLockEx()) return;
   std::unique_lock<std::mutex> hold(mutex);
   const int my = nextTicket.fetch_add(1) + 1;
   ticketServed.wait(hold, [&] { return serving.load() == my; });
@@ -24,10 +27,25 @@ bool ReadWriteLock::ExclusiveLock::TryLockEx() {
 }
 
 void ReadWriteLock::ExclusiveLock::UnlockEx() {
-  {
-    std::lock_guard<std::mutex> hold(mutex);
-    serving.fetch_add(1);
+  const int held = serving.load();
+  if (nextTicket.load() != held) {
+    // Tickets are queued behind ours: admit the next one under the mutex.
+    {
+      std::lock_guard<std::mutex> hold(mutex);
+      serving.fetch_add(1);
+    }
+    ticketServed.notify_all();
+    return;
   }
+  // Nobody was queued, so nobody sleeps: the next ticket is admitted without
+  // the mutex. A thread that queued meanwhile took its ticket before reading
+  // `serving`, and we read `nextTicket` again after advancing it (both
+  // sequentially consistent): either it sees its turn, or we see its ticket
+  // and wake it. Passing through the mutex first makes sure that a waiter that
+  // read the old `serving` is already asleep on the condition variable.
+  serving.fetch_add(1);
+  if (nextTicket.load() == held) return;
+  { std::lock_guard<std::mutex> hold(mutex); }
   ticketServed.notify_all();
 }
 
@@ -80,7 +98,22 @@ ReadWriteLock::SharedLock::~SharedLock() {
 }
 
 bool ReadWriteLock::SharedLock::OwnedByCallingThread() const {
-  return writer.recursive && writer.owner.load(std::memory_order_relaxed) == KTGetCurrentThreadId();
+  if (!writer.recursive) return false;
+  // No write hold at all is the common case; it needs no thread id.
+  const unsigned long holder = writer.owner.load(std::memory_order_relaxed);
+  return holder != 0 && holder == KTGetCurrentThreadId();
+}
+
+void ReadWriteLock::SharedLock::OpenGroup() {
+  // A sequentially consistent store is a full fence on its own. Readers that
+  // joined count themselves before they look at the generation, and we store
+  // it before we count them: when we are alone, a later joiner sees the
+  // generation; otherwise a joiner may be asleep on `admitted`, and passing
+  // through admitMutex before the broadcast makes sure it is.
+  readGeneration.store(writer.serving.load());
+  if (readers.load() == 1) return;
+  { std::lock_guard<std::mutex> hold(admitMutex); }
+  admitted.notify_all();
 }
 
 void ReadWriteLock::SharedLock::Lock() {
@@ -93,12 +126,7 @@ void ReadWriteLock::SharedLock::Lock() {
   }
   if (readers.fetch_add(1) == 0) {
     writer.LockEx();
-    {
-      std::lock_guard<std::mutex> hold(admitMutex);
-      readGeneration.store(writer.serving.load());
-      std::atomic_thread_fence(std::memory_order_seq_cst);
-    }
-    admitted.notify_all();
+    OpenGroup();
     return;
   }
   std::unique_lock<std::mutex> hold(admitMutex);
@@ -118,24 +146,15 @@ bool ReadWriteLock::SharedLock::TryLock() {
     }
   }
   if (!writer.TryLockEx()) return false;
-  bool opened;
-  {
-    std::lock_guard<std::mutex> hold(admitMutex);
-    // A reader that counted itself first but has not taken its ticket yet
-    // would queue behind ours and be stranded in our group: only a group of
-    // nobody may be opened here.
-    int none = 0;
-    opened = readers.compare_exchange_strong(none, 1);
-    if (opened) {
-      readGeneration.store(writer.serving.load());
-      std::atomic_thread_fence(std::memory_order_seq_cst);
-    }
-  }
-  if (!opened) {
+  // A reader that counted itself first but has not taken its ticket yet
+  // would queue behind ours and be stranded in our group: only a group of
+  // nobody may be opened here.
+  int none = 0;
+  if (!readers.compare_exchange_strong(none, 1)) {
     writer.UnlockEx();  // give the ticket back and report contention
     return false;
   }
-  admitted.notify_all();
+  OpenGroup();
   return true;
 }
 
@@ -145,18 +164,22 @@ void ReadWriteLock::SharedLock::Unlock() {
     return;
   }
   std::lock_guard<std::mutex> release(releaseMutex);
-  bool last = false;
-  {
-    // The last reader closes the group under admitMutex and clears the
-    // generation before the ticket moves on: a reader arriving in between must
-    // not join on the stale generation and read beside the next writer.
-    std::lock_guard<std::mutex> hold(admitMutex);
-    if (readers.fetch_sub(1) == 1) {
-      readGeneration.store(0);
-      last = true;
+  // Releases are serialised here, so only joining readers can change the
+  // count under us. The last reader clears the generation before it closes
+  // the group and before the ticket moves on: a reader arriving in between
+  // must not join on the stale generation and read beside the next writer.
+  // Had a reader joined meanwhile, the group goes on: the generation is put
+  // back and a joiner that found it cleared is woken.
+  if (readers.load() == 1) {
+    readGeneration.store(0);
+    int one = 1;
+    if (readers.compare_exchange_strong(one, 0)) {
+      writer.UnlockEx();
+      return;
     }
+    OpenGroup();
   }
-  if (last) writer.UnlockEx();
+  readers.fetch_sub(1);
 }
 
 }  // namespace MetricsFramework

@@ -15,6 +15,13 @@
 // which then only counts on its write hold. No operation spins, yields or
 // sleeps: all waiting is on condition variables.
 //
+// The mutexes guard only the waiting. A hold that meets nobody (a free ticket
+// taken, a group opened with no reader waiting to join, a ticket released
+// with none queued behind it) is a few atomic operations and one pass through
+// the release mutex; each path that skips a mutex re-reads, after its own
+// change, the counter the other side changes first, so a waiter is either
+// seen and woken or sees its turn itself.
+//
 //   ReadWriteLock lock(true);
 //   lock.GetReadLock()->Lock();   // shared
 //   lock.GetReadLock()->Unlock();
@@ -99,6 +106,9 @@ class ReadWriteLock : public IReadWriteLock {
     friend class ReadWriteLockInspector;
 
     bool OwnedByCallingThread() const;
+    // Publishes the group's generation once its first reader holds the ticket
+    // and wakes readers waiting to join.
+    void OpenGroup();
 
     std::atomic<int> readGeneration;
     std::atomic<int> readers;

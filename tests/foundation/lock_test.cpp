@@ -204,6 +204,23 @@ TEST_F(ReadWriteLockTest, WritersExcludeEachOtherAndReaders) {
   EXPECT_TRUE(inspect_.IsFree());
 }
 
+// Hand-overs between threads that hold the lock only briefly: a ticket taken
+// while its holder is releasing must still be woken, or a thread sleeps for ever.
+TEST_F(ReadWriteLockTest, BriefHoldsOnManyThreadsNeverLoseAWakeUp) {
+  constexpr int kRounds = 100000;
+  std::atomic<long> sum{0};
+  auto body = [&](ILock* face) {
+    return [&, face] {
+      for (int i = 0; i < kRounds; ++i) face->Lock(), ++sum, face->Unlock();
+    };
+  };
+  Start(body(Write())), Start(body(Write())), Start(body(Read())), Start(body(Read()));
+
+  ASSERT_TRUE(WaitForAll());
+  EXPECT_EQ(sum, 4L * kRounds);
+  EXPECT_TRUE(inspect_.IsFree());
+}
+
 TEST_F(ReadWriteLockTest, WritersAreAdmittedInTicketOrder) {
   Write()->Lock();
   for (char writer : std::string("abcde")) {
