@@ -411,22 +411,19 @@ TEST_F(ExtensionManagerTest, DuplicateNameReturnsAlreadyExistsAndChangesNothing)
   EXPECT_EQ(events, (Events{{1, HandleOf("publishers", "late")}}));
 }
 
-TEST_F(ExtensionManagerTest, ExtensionWithoutRoleIsUnsupportedAndFilesNothing) {
+// An extension without a role is refused; a client manager is accepted.
+TEST_F(ExtensionManagerTest, ExtensionWithoutRoleOrAClientManagerIsFiledNowhere) {
   JournaledBase none;
   none.journal = &journal;
+  DefaultClientManager client(manager.GetRegistry());
+  ClaimsClientManager claimant;  // found through CastTo, before its publisher role
   EXPECT_EQ(Add("none", &none), KT_STATUS_UNSUPPORTED_EXTENSION);
+  EXPECT_EQ(Add("DefaultClientManager", &client), KT_STATUS_SUCCESS);
+  EXPECT_EQ(Add("claimant", &claimant), KT_STATUS_SUCCESS);
   for (const char* branch : {"publishers", "loggers", "conduits", "consumers", "methods"}) {
     EXPECT_EQ(Branch(branch), nullptr) << branch;
   }
   EXPECT_TRUE(journal.empty());
-}
-
-TEST_F(ExtensionManagerTest, ClientManagerIsAcceptedWithoutBeingFiled) {
-  DefaultClientManager client(manager.GetRegistry());
-  ClaimsClientManager claimant;  // found through CastTo, before its publisher role
-  EXPECT_EQ(Add("DefaultClientManager", &client), KT_STATUS_SUCCESS);
-  EXPECT_EQ(Add("claimant", &claimant), KT_STATUS_SUCCESS);
-  EXPECT_EQ(Branch("publishers"), nullptr);
   EXPECT_EQ(claimant.GetHandle(), 0u);
   EXPECT_TRUE(events.empty());
 }
@@ -450,14 +447,15 @@ TEST_F(ExtensionManagerTest, AddedMethodCarriesItsDescription) {
   EXPECT_EQ(described.m_inputCount, 2u);
   EXPECT_EQ(described.m_outputCount, 3u);
   EXPECT_EQ(events, (Events{{1, method.GetHandle()}}));
-  // Only the client command method is linked under the well-known handle.
-  EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle), nullptr);
 }
 
+// Only the client command method is linked under the well-known handle.
 TEST_F(ExtensionManagerTest, ClientCommandMethodAnswersUnderTheWellKnownHandleUntilRemoved) {
-  FakeMethod method;
+  FakeMethod other, method;
   method.clientCommand = true;
   FakeBuffer args, returns;
+  ASSERT_EQ(Add("other", &other), KT_STATUS_SUCCESS);
+  EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle), nullptr);
   ASSERT_EQ(Add("ClientCommandMethod", &method), KT_STATUS_SUCCESS);
   EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle),
             Node("methods", "ClientCommandMethod"));
@@ -562,15 +560,14 @@ TEST_F(ExtensionManagerTest, LogRunsWhileAnotherThreadAddsAndRemovesALogger) {
   EXPECT_EQ(steady.lines.back(), std::to_string(kRounds - 1) + "\n");
 }
 
-TEST_F(ExtensionManagerTest, LogNeedsTheLoggersBranchButNoLogger) {
+// Log needs the loggers branch, but no logger in it.
+TEST_F(ExtensionManagerTest, LogEndsShortLinesWithOneLineFeedAndDeliversCutLinesAsTheyAre) {
   EXPECT_EQ(manager.Log(1, "src", "%s", "x"), KT_STATUS_INVALID_OPERATION);
   FakeLogger never;
   Remove("never", &never);  // leaves "loggers" behind, empty
   ASSERT_NE(Branch("loggers"), nullptr);
   EXPECT_EQ(manager.Log(1, "src", "x"), KT_STATUS_SUCCESS);
-}
 
-TEST_F(ExtensionManagerTest, LogEndsShortLinesWithOneLineFeedAndDeliversCutLinesAsTheyAre) {
   FakeLogger first, second;
   ASSERT_EQ(Add("first", &first), KT_STATUS_SUCCESS);
   ASSERT_EQ(Add("second", &second), KT_STATUS_SUCCESS);
