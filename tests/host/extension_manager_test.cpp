@@ -362,21 +362,12 @@ TEST_F(ExtensionManagerTest, AddFilesEveryRoleWithItsStateAndTheDescriptorWord) 
   Remove("every", &every);
 }
 
-TEST_F(ExtensionManagerTest, PublisherAndConsumerIsFiledTwiceAndKeepsThePublisherHandle) {
-  PublisherConsumer both;
-  ASSERT_EQ(Add("both", &both), KT_STATUS_SUCCESS);
-  Path* publisher = Node("publishers", "both");
-  Path* consumer = Node("consumers", "both");
-  ASSERT_NE(publisher, nullptr);
-  ASSERT_NE(consumer, nullptr);
-  EXPECT_TRUE(consumer->IsListed());
-  EXPECT_EQ(events, (Events{{1, publisher->GetHandle()}, {1, consumer->GetHandle()}}));
-  EXPECT_EQ(both.GetHandle(), publisher->GetHandle());
-}
-
-TEST_F(ExtensionManagerTest, ConduitOrLoggerRoleSilencesTheConsumerRole) {
+// A publisher and consumer is filed twice, announced twice and keeps the
+// publisher's handle; a conduit or logger role silences the consumer role.
+TEST_F(ExtensionManagerTest, ConsumerRoleIsAnnouncedUnlessAConduitOrLoggerRoleCameFirst) {
   ConduitConsumer conduit;
   LoggerConsumer logger;
+  PublisherConsumer both;
   ASSERT_EQ(Add("pipe", &conduit), KT_STATUS_SUCCESS);
   ASSERT_EQ(Add("log", &logger), KT_STATUS_SUCCESS);
   // The conduit's consumer node, and the branch made for it, are unlisted.
@@ -386,6 +377,13 @@ TEST_F(ExtensionManagerTest, ConduitOrLoggerRoleSilencesTheConsumerRole) {
   EXPECT_TRUE(Node("consumers", "log")->IsListed());
   EXPECT_TRUE(events.empty());
   EXPECT_EQ(conduit.GetHandle(), HandleOf("conduits", "pipe"));
+
+  ASSERT_EQ(Add("both", &both), KT_STATUS_SUCCESS);
+  ASSERT_NE(Node("consumers", "both"), nullptr);
+  EXPECT_TRUE(Node("consumers", "both")->IsListed());
+  EXPECT_EQ(events,
+            (Events{{1, HandleOf("publishers", "both")}, {1, HandleOf("consumers", "both")}}));
+  EXPECT_EQ(both.GetHandle(), HandleOf("publishers", "both"));
 }
 
 TEST_F(ExtensionManagerTest, DuplicateNameReturnsAlreadyExistsAndChangesNothing) {
