@@ -110,12 +110,8 @@ TEST(ProxyBufferRequest, RecordsMatchTheirByteLayouts) {
   EXPECT_EQ(Oldest(ProxyBuffer(1, 0, "a/b")),
             (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 'a', '/', 'b', 0}));
   EXPECT_EQ(Oldest(ProxyBuffer(4, a)), (Bytes{4, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8}));
-  EXPECT_EQ(Oldest(ProxyBuffer(3, a, b)), (Bytes{3, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 0x11, 0x12,
-                                                 0x13, 0x14, 0x15, 0x16, 0x17, 0x18}));
-  EXPECT_EQ(Oldest(ProxyBuffer(6, a, b, c)),
-            (Bytes{6,    0,    0,    0,    1,    2,    3,    4,    5,    6,
-                   7,    8,    0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18,
-                   0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 0x28}));
+  EXPECT_EQ(Oldest(ProxyBuffer(3, a, b)), Cat({Le(3, 4), Le(a, 8), Le(b, 8)}));
+  EXPECT_EQ(Oldest(ProxyBuffer(6, a, b, c)), Cat({Le(6, 4), Le(a, 8), Le(b, 8), Le(c, 8)}));
   EXPECT_EQ(Oldest(ProxyBuffer(9, 0x55, &source)),
             (Bytes{9, 0, 0, 0, 0x55, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0xA1, 0xA2,
                    0xA3}));

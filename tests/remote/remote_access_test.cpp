@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -438,14 +439,11 @@ TEST_F(RemoteAccessTest, DescriptorReadsTheSizeRecordTwiceAsKept) {
 
   ASSERT_EQ(proxy->GetMetricDescriptor(metric, &desc), KT_STATUS_SUCCESS);
   // The second read takes the size record again: its four bytes land at the
-  // front of a zeroed blob, so the id is the blob's size and all else empty.
-  EXPECT_EQ(desc.id, blobSize);
-  EXPECT_EQ(desc.flags, 0u);
-  EXPECT_EQ(desc.list1, (std::vector<unsigned int>{9})) << "lists are appended to";
-  EXPECT_EQ(desc.word1, 0u);
-  EXPECT_EQ(desc.uri, "");
-  EXPECT_EQ(desc.word4, 0u);
-  EXPECT_EQ(desc.word5, 0u);
+  // front of a zeroed blob, so the id is the blob's size and all else empty
+  // (lists are appended to).
+  EXPECT_EQ(std::make_tuple(desc.id, desc.flags, desc.list1, desc.word1, desc.uri, desc.word4,
+                            desc.word5),
+            std::make_tuple(blobSize, 0u, std::vector<unsigned int>{9}, 0u, std::string(), 0u, 0u));
 
   Metric::Description unknown;
   unknown.uri = "kept";
@@ -457,12 +455,7 @@ TEST_F(RemoteAccessTest, DescriptorReplyIsTwoRecordsAlsoOnFailure) {
   StringBuffer reply;
   EXPECT_FALSE(Serve(ProxyBuffer(5, aRoot + 12345), reply));
   ASSERT_EQ(reply.records.size(), 2u);
-  unsigned int status = 0;
-  unsigned int size = 0;
-  std::memcpy(&status, reply.records[0].data(), 4);
-  std::memcpy(&size, reply.records[0].data() + 4, 4);
-  EXPECT_EQ(status, KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(size, 62u) << "the default description";
+  EXPECT_EQ(reply.records[0], Raw(KT_STATUS_INVALID_OBJECT) + Raw(62u)) << "the default's size";
   EXPECT_EQ(reply.records[1].size(), 4u + 62u);
 
   Metric::Description decoded;
