@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include "abi/slot_support.h"
 #include "kt/client_manager.h"
 
 namespace {
 
 using namespace MetricsFramework;
+using namespace slot_support;
 
 // Answers every operation with 100 plus its slot.
 class Recording : public IClientManager {
@@ -58,17 +60,11 @@ class Recording : public IClientManager {
 TEST(ClientManagerSlotTest, SlotsThreeToTwentyAnswerInDeclaredOrder) {
   Recording recording;
   IClientManager* client = &recording;
-  void* const* table = *reinterpret_cast<void* const* const*>(client);
-  // Every slot takes at most five arguments that fit in registers.
-  using AnyCall = KT_STATUS (*)(void*, unsigned long, unsigned long, unsigned long, unsigned long,
-                                unsigned long);
 
   for (std::size_t slot = 3; slot <= 20; ++slot) {
-    EXPECT_EQ(reinterpret_cast<AnyCall>(table[slot])(client, 0, 0, 0, 0, 0), 100 + slot)
-        << "slot " << slot;
+    EXPECT_EQ(static_cast<KT_STATUS>(CallSlot(client, slot)), 100 + slot) << "slot " << slot;
   }
-  using CastToCall = void* (*)(void*, const char*);
-  EXPECT_EQ(reinterpret_cast<CastToCall>(table[0])(client, "IClientManager"), client);
+  EXPECT_EQ(Slot<CastToCall>(client, 0)(client, "IClientManager"), client);
   EXPECT_EQ(client->CastTo("IKTExtensionBase"), nullptr);
 }
 

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "abi/slot_support.h"
 #include "kt/buffer.h"
 #include "kt/conduit.h"
 #include "kt/consumer.h"
@@ -16,18 +17,13 @@
 namespace {
 
 using namespace MetricsFramework;
+using namespace slot_support;
 
 static_assert(sizeof(ProbeDesc) == 272 && offsetof(ProbeDesc, m_metrics) == 256 &&
                   offsetof(ProbeDesc, m_metricCount) == 264,
               "probe description: name, metrics, count");
 
 std::vector<std::string> g_calls;
-
-template <typename Fn>
-Fn Slot(const void* object, std::size_t index) {
-  void* const* table = *static_cast<void* const* const*>(object);
-  return reinterpret_cast<Fn>(table[index]);
-}
 
 void Called(const char* name) { g_calls.push_back(name); }
 
@@ -100,14 +96,11 @@ class Probe : public Metrics::IProbe {
   KT_STATUS Handle() override { return Called("Handle"), 0; }
 };
 
-// Calls the slots of `face` with no meaningful arguments; every slot here
-// takes at most five arguments that fit in registers.
-using AnyCall = void (*)(void*, unsigned long, unsigned long, unsigned long, unsigned long,
-                         unsigned long);
+// The operations that answer the `slots` of `face`, called in that order.
 template <typename Face>
 std::vector<std::string> CallSlots(Face* face, std::vector<std::size_t> slots) {
   g_calls.clear();
-  for (std::size_t slot : slots) Slot<AnyCall>(face, slot)(face, 0, 0, 0, 0, 0);
+  for (std::size_t slot : slots) CallSlot(face, slot);
   return g_calls;
 }
 
@@ -122,7 +115,7 @@ TEST(DataPathSlotTest, PublisherAndBoundMetricAnswerInDeclaredOrder) {
   EXPECT_EQ(CallSlots<IBoundMetric>(&bound, {2, 3, 4, 5, 6}),
             (Names{"AttachBuffer", "DetachBuffer", "GetMetricHandle", "IsAttached", "Flush"}));
   IPublisher* face = &publisher;
-  EXPECT_EQ(Slot<void* (*)(void*, const char*)>(face, 0)(face, "IPublisher"), face);
+  EXPECT_EQ(Slot<CastToCall>(face, 0)(face, "IPublisher"), face);
 }
 
 TEST(DataPathSlotTest, BufferFacesAnswerInDeclaredOrder) {
@@ -140,7 +133,7 @@ TEST(DataPathSlotTest, ConduitAnswersInDeclaredOrder) {
             (Names{"OnSubscribed", "OnUnsubscribed", "CreateBuffer", "DestroyBuffer", "Transact",
                    "GetRemoteHandle"}));
   IConduit* face = &conduit;
-  EXPECT_EQ(Slot<void* (*)(void*, const char*)>(face, 0)(face, "IConduit"), face);
+  EXPECT_EQ(Slot<CastToCall>(face, 0)(face, "IConduit"), face);
 }
 
 TEST(DataPathSlotTest, ConsumerListenerAndProbeAnswerInDeclaredOrder) {
@@ -152,11 +145,10 @@ TEST(DataPathSlotTest, ConsumerListenerAndProbeAnswerInDeclaredOrder) {
   EXPECT_EQ(CallSlots<IMetricStateListener>(&consumer, {1, 2}),
             (Names{"OnMetricAvailable", "OnMetricUnavailable"}));
   EXPECT_EQ(CallSlots<Metrics::IProbe>(&probe, {2, 3, 4}), (Names{"Begin", "End", "Handle"}));
+  EXPECT_TRUE(CallSlots<Metrics::IProbe>(&probe, {5}).empty())
+      << "the sixth entry's default does nothing";
   Metrics::IProbe* face = &probe;
-  g_calls.clear();
-  EXPECT_EQ(Slot<KT_STATUS (*)(void*, void*, void*, unsigned int)>(face, 5)(face, nullptr, nullptr, 0),
-            0u);
-  EXPECT_TRUE(g_calls.empty()) << "the sixth entry's default does nothing";
+  EXPECT_EQ(static_cast<KT_STATUS>(CallSlot(face, 5)), 0u);
 }
 
 }  // namespace

@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include "abi/slot_support.h"
 #include "kt/remote_method.h"
 
 namespace {
 
 using namespace MetricsFramework;
+using namespace slot_support;
 
 static_assert(sizeof(RemoteMethodDesc) == 520 && offsetof(RemoteMethodDesc, m_name) == 0 &&
                   offsetof(RemoteMethodDesc, m_inputCount) == 384 &&
@@ -18,21 +20,8 @@ static_assert(sizeof(RemoteMethodDesc) == 520 && offsetof(RemoteMethodDesc, m_na
                   offsetof(RemoteMethodDesc, m_outputCount) == 516,
               "520 bytes: name at 0, words at 384 and 516, the unread block at 388");
 
-template <typename Fn>
-Fn Slot(const void* object, std::size_t index) {
-  return reinterpret_cast<Fn>((*static_cast<void* const* const*>(object))[index]);
-}
-
-int g_destroyed = 0;
-int g_deleted = 0;
-
-class Method : public IRemoteMethod {
+class Method : public IRemoteMethod, public CountsLifetime {
  public:
-  ~Method() override { ++g_destroyed; }
-  static void* operator new(std::size_t size) { return ::operator new(size); }
-  static void* operator new(std::size_t, void* where) { return where; }
-  static void operator delete(void* p) { ++g_deleted, ::operator delete(p); }
-
   bool Run(const IReadBuffer* a, IWriteBuffer* r) override { return args = a, returns = r, true; }
   void GetRemoteMethodDesc(RemoteMethodDesc& desc) override { desc.m_outputCount = 9; }
 
@@ -40,11 +29,11 @@ class Method : public IRemoteMethod {
   IWriteBuffer* returns = nullptr;
 };
 
-TEST(RemoteMethodSlotTest, SlotsAnswerCastToRunAndDescribeInDeclaredOrder) {
+TEST(RemoteMethodSlotTest, SlotsAnswerCastToRunDescribeThenDestructors) {
   Method fake;
   IRemoteMethod* face = &fake;
   IKTExtensionBase* base = &fake;
-  auto castTo = Slot<void* (*)(void*, const char*)>(face, 0);
+  auto castTo = Slot<CastToCall>(face, 0);
   const auto* args = reinterpret_cast<const IReadBuffer*>(0x1000);
   auto* returns = reinterpret_cast<IWriteBuffer*>(0x2000);
   RemoteMethodDesc desc;
@@ -60,20 +49,7 @@ TEST(RemoteMethodSlotTest, SlotsAnswerCastToRunAndDescribeInDeclaredOrder) {
   EXPECT_EQ(fake.args, args);
   EXPECT_EQ(fake.returns, returns);
   EXPECT_EQ(desc.m_outputCount, 9u);
-}
-
-TEST(RemoteMethodSlotTest, SlotThreeDestroysInPlaceAndSlotFourAlsoFrees) {
-  alignas(Method) unsigned char storage[sizeof(Method)];
-  IRemoteMethod* inPlace = new (storage) Method();
-  IRemoteMethod* onHeap = new Method();
-  g_destroyed = g_deleted = 0;
-
-  Slot<void (*)(void*)>(inPlace, 3)(inPlace);
-  EXPECT_EQ(g_destroyed, 1);
-  EXPECT_EQ(g_deleted, 0);
-  Slot<void (*)(void*)>(onHeap, 4)(onHeap);
-  EXPECT_EQ(g_destroyed, 2);
-  EXPECT_EQ(g_deleted, 1);
+  ExpectDestructorSlots<IRemoteMethod, Method>(3);
 }
 
 // A module may build its description in reused memory: the default must clear

@@ -19,26 +19,20 @@ using namespace testing_fakes;
 // ---------------------------------------------------------------------------
 // Private extensions, routing lookup and lifetime.
 
-TEST_F(ClientManagerTest, NullConsumerIsRegisteredOnceUnderConsumers) {
-  const unsigned long first = client->GetNullConsumerHandle();
-  const unsigned long second = client->GetNullConsumerHandle();
+TEST_F(ClientManagerTest, NullConsumerIsRegisteredOnceUnderConsumersAfterRefusalsAreRetried) {
+  loader.addStatus = KT_STATUS_OUT_OF_RESOURCES;
+  EXPECT_EQ(client->GetNullConsumerHandle(), 0u);
+  EXPECT_EQ(client->GetNullConsumerHandle(), 0u);
+  loader.addStatus = KT_STATUS_SUCCESS;
 
+  const unsigned long first = client->GetNullConsumerHandle();
   ASSERT_NE(first, 0u);
-  EXPECT_EQ(second, first);
-  EXPECT_EQ(loader.added, (std::vector<std::string>{"_NullConsumer"}));
+  EXPECT_EQ(client->GetNullConsumerHandle(), first);
+  EXPECT_EQ(loader.added.size(), 3u) << "each failed registration is tried again, then none";
   Path* node = registry().GetChild("consumers", 0)->GetChildNamed("_NullConsumer", 0);
   ASSERT_NE(node, nullptr);
   EXPECT_EQ(node->GetHandle(), first);
   EXPECT_NE(dynamic_cast<ConsumerState*>(node->GetPayload()), nullptr);
-}
-
-TEST_F(ClientManagerTest, RefusedNullConsumerRegistrationGivesNoHandle) {
-  loader.addStatus = KT_STATUS_OUT_OF_RESOURCES;
-
-  EXPECT_EQ(client->GetNullConsumerHandle(), 0u);
-  EXPECT_EQ(client->GetNullConsumerHandle(), 0u);
-
-  EXPECT_EQ(loader.added.size(), 2u) << "a failed registration is tried again";
 }
 
 TEST_F(ClientManagerTest, LocalConduitNeedsTheLoaderAndIsRegisteredOnce) {
@@ -92,9 +86,9 @@ TEST_F(ClientManagerTest, ProxyIsFoundOnlyForAProcessMountedUnderPeers) {
   const unsigned long own = publisherNode->GetHandle();
   IClientManager* found = nullptr;
 
-  EXPECT_EQ(client->GetProxyForComponent(foreign, &found), KT_STATUS_INVALID_OBJECT) << "no peers";
+  EXPECT_EQ(client->GetProxyForComponent(foreign, &found), kObject) << "no peers";
   MountPeer(elsewhere.GetLocalGuid(), peer);
-  EXPECT_EQ(client->GetProxyForComponent(own, &found), KT_STATUS_INVALID_OBJECT);
+  EXPECT_EQ(client->GetProxyForComponent(own, &found), kObject);
   ASSERT_EQ(client->GetProxyForComponent(foreign, &found), KT_STATUS_SUCCESS);
   EXPECT_EQ(found, &far);
 
@@ -108,44 +102,41 @@ TEST_F(ClientManagerTest, ProxyIsFoundOnlyForAProcessMountedUnderPeers) {
 TEST_F(ClientManagerTest, PeersNodeThatIsNoPeerMountAnswersForNothing) {
   Registry elsewhere;
   const unsigned long key = static_cast<unsigned long>(elsewhere.GetLocalGuid()) << 32;
-  Path* node = registry().GetChild("peers", kPathCreate)->GetChild(key, kPathCreate | kPathNoHandleEntry);
+  Path* node =
+      registry().GetChild("peers", kPathCreate)->GetChild(key, kPathCreate | kPathNoHandleEntry);
   new PathData(node);
   node->GetPayload()->m_type = RESOURCE_TYPE_PEER;  // the kind word alone proves nothing
   MountPeer(registry().GetLocalGuid(), NewPeer(nullptr));
   IClientManager* found = nullptr;
 
-  EXPECT_EQ(client->GetProxyForComponent(key | 5, &found), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(client->GetProxyForComponent(publisherNode->GetHandle(), &found),
-            KT_STATUS_INVALID_OBJECT)
+  EXPECT_EQ(client->GetProxyForComponent(key | 5, &found), kObject);
+  EXPECT_EQ(client->GetProxyForComponent(publisherNode->GetHandle(), &found), kObject)
       << "a mount without a client manager";
   EXPECT_EQ(found, nullptr);
 }
 
-TEST_F(ClientManagerTest, DestructorHandsItsExtensionsBackToTheLoader) {
-  const unsigned long nullConsumer = client->GetNullConsumerHandle();
-  const unsigned long conduit = client->GetConduitHandle(0, 0);
-
-  client.reset();
-
-  EXPECT_EQ(loader.removed.size(), 2u);
-  EXPECT_EQ(registry().ResolveHandle(nullConsumer), nullptr);
-  EXPECT_EQ(registry().ResolveHandle(conduit), nullptr);
-}
-
 // Left filed, the nodes would outlive the objects they hold: the conduit
-// state would give buffers back to a conduit that is gone.
-TEST_F(ClientManagerTest, DestructorDeletesTheNodesTheLoaderLeavesBehind) {
-  loader.keepNodes = true;
-  const unsigned long nullConsumer = client->GetNullConsumerHandle();
-  const unsigned long conduit = client->GetConduitHandle(0, 0);
-  const unsigned long metric = Publish("m");
-  ASSERT_EQ(client->__SubscribeMetric(nullConsumer, conduit, metric, true), KT_STATUS_SUCCESS);
+// state would give buffers back to a conduit that is gone. Each row says
+// whether the loader deletes the nodes itself.
+TEST_F(ClientManagerTest, DestructorHandsItsExtensionsBackAndDeletesTheNodesLeftBehind) {
+  for (bool keepNodes : {false, true}) {
+    SCOPED_TRACE(keepNodes ? "loader keeps the nodes" : "loader deletes the nodes");
+    client = std::make_unique<DefaultClientManager>(manager.registry);
+    client->m_loader = &loader;
+    loader.keepNodes = keepNodes;
+    loader.removed.clear();
+    const unsigned long nullConsumer = client->GetNullConsumerHandle();
+    const unsigned long conduit = client->GetConduitHandle(0, 0);
+    const unsigned long metric = Publish(keepNodes ? "kept" : "deleted");
+    ASSERT_EQ(client->__SubscribeMetric(nullConsumer, conduit, metric, true), KT_STATUS_SUCCESS);
 
-  client.reset();
+    client.reset();
 
-  EXPECT_EQ(registry().ResolveHandle(nullConsumer), nullptr);
-  EXPECT_EQ(registry().ResolveHandle(conduit), nullptr);
-  EXPECT_EQ(publisher.unbinds, 1);
+    EXPECT_EQ(loader.removed.size(), 2u);
+    EXPECT_EQ(registry().ResolveHandle(nullConsumer), nullptr);
+    EXPECT_EQ(registry().ResolveHandle(conduit), nullptr);
+  }
+  EXPECT_EQ(publisher.unbinds, 2);
 }
 
 TEST_F(ClientManagerTest, DestructorKeepsANodeOfTheSameNameHoldingAnotherObject) {
@@ -164,59 +155,50 @@ TEST_F(ClientManagerTest, DestructorKeepsANodeOfTheSameNameHoldingAnotherObject)
 // ---------------------------------------------------------------------------
 // Namespace queries.
 
-TEST_F(ClientManagerTest, GetPathResolvesNamesBelowTheRootOrAGivenNode) {
+TEST_F(ClientManagerTest, GetPathResolvesBelowTheRootOrAGivenNodeAndRefusesTheRest) {
   const unsigned long metric = Publish("m");
-  unsigned long handle = 0;
+  const unsigned long p = publisherNode->GetHandle();
+  const struct {
+    unsigned long root;
+    const char* path;
+    unsigned long expected;
+  } found[] = {{0, "", registry().GetHandle()}, {0, "publishers/p/m", metric}, {p, "m", metric},
+               {p, "", p}};
+  for (const auto& row : found) {
+    SCOPED_TRACE(std::to_string(row.root) + " " + row.path);
+    unsigned long handle = 0;
+    ASSERT_EQ(client->GetPath(row.root, row.path, &handle), KT_STATUS_SUCCESS);
+    EXPECT_EQ(handle, row.expected);
+  }
 
-  ASSERT_EQ(client->GetPath(0, "", &handle), KT_STATUS_SUCCESS);
-  EXPECT_EQ(handle, registry().GetHandle());
-  ASSERT_EQ(client->GetPath(0, "publishers/p/m", &handle), KT_STATUS_SUCCESS);
-  EXPECT_EQ(handle, metric);
-  ASSERT_EQ(client->GetPath(publisherNode->GetHandle(), "m", &handle), KT_STATUS_SUCCESS);
-  EXPECT_EQ(handle, metric);
-  ASSERT_EQ(client->GetPath(publisherNode->GetHandle(), "", &handle), KT_STATUS_SUCCESS);
-  EXPECT_EQ(handle, publisherNode->GetHandle());
-}
-
-TEST_F(ClientManagerTest, GetPathRefusals) {
   unsigned long handle = 99;
-
-  EXPECT_EQ(client->GetPath(0, nullptr, nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "out_handle");
-  EXPECT_EQ(client->GetPath(0, nullptr, &handle), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "pathname");
-  EXPECT_EQ(client->GetPath(0x4242, "p", &handle), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "root");
-  EXPECT_EQ(client->GetPath(0, "nowhere/x", &handle), KT_STATUS_DOES_NOT_EXIST);
-  EXPECT_EQ(Refused(), "root");
-  EXPECT_EQ(client->GetPath(0, "publishers/p/missing", &handle), KT_STATUS_DOES_NOT_EXIST)
+  EXPECT_EQ(Refused(client->GetPath(0, nullptr, nullptr)), Refusal(kArgument, "out_handle"));
+  EXPECT_EQ(Refused(client->GetPath(0, nullptr, &handle)), Refusal(kArgument, "pathname"));
+  EXPECT_EQ(Refused(client->GetPath(0x4242, "p", &handle)), Refusal(kObject, "root"));
+  EXPECT_EQ(Refused(client->GetPath(0, "nowhere/x", &handle)),
+            Refusal(KT_STATUS_DOES_NOT_EXIST, "root"));
+  EXPECT_EQ(Refused(client->GetPath(0, "publishers/p/missing", &handle)),
+            Refusal(KT_STATUS_DOES_NOT_EXIST, "root"))
       << "stopped at a node that is no peer mount";
-  EXPECT_EQ(Refused(), "root");
   EXPECT_EQ(handle, 99u) << "nothing written on failure";
 }
 
-TEST_F(ClientManagerTest, PathThroughAPeerMountIsResolvedInThePeer) {
+TEST_F(ClientManagerTest, PathThroughAPeerMountIsResolvedInThePeerButNotThroughAPeerKindAlone) {
   Registry elsewhere;
   DefaultClientManager far(elsewhere);
   const unsigned long target = elsewhere.GetChild("a/b", kPathCreate)->GetHandle();
   new PeerState(NewPeer(&far), registry().GetChild("remote", kPathCreate));
-  unsigned long handle = 0;
-
-  ASSERT_EQ(client->GetPath(0, "remote/a/b", &handle), KT_STATUS_SUCCESS);
-
-  EXPECT_EQ(handle, target);
-  EXPECT_EQ(client->GetPath(0, "remote/a/zz", &handle), KT_STATUS_DOES_NOT_EXIST)
-      << "the peer's own answer";
-}
-
-TEST_F(ClientManagerTest, PeerKindWithoutAPeerStateIsNoMount) {
-  Path* fake = registry().GetChild("remote", kPathCreate);
+  Path* fake = registry().GetChild("fake", kPathCreate);
   new PathData(fake);
   fake->GetPayload()->m_type = RESOURCE_TYPE_PEER;
   unsigned long handle = 0;
 
-  EXPECT_EQ(client->GetPath(0, "remote/a", &handle), KT_STATUS_DOES_NOT_EXIST);
-  EXPECT_EQ(Refused(), "root");
+  ASSERT_EQ(client->GetPath(0, "remote/a/b", &handle), KT_STATUS_SUCCESS);
+  EXPECT_EQ(handle, target);
+  EXPECT_EQ(client->GetPath(0, "remote/a/zz", &handle), KT_STATUS_DOES_NOT_EXIST)
+      << "the peer's own answer";
+  EXPECT_EQ(Refused(client->GetPath(0, "fake/a", &handle)),
+            Refusal(KT_STATUS_DOES_NOT_EXIST, "root"));
 }
 
 TEST_F(ClientManagerTest, ChildrenAreCountedAndListedInChildOrder) {
@@ -225,18 +207,17 @@ TEST_F(ClientManagerTest, ChildrenAreCountedAndListedInChildOrder) {
   unsigned int count = 0;
   ASSERT_EQ(client->GetChildCount(p, &count), KT_STATUS_SUCCESS);
   ASSERT_EQ(count, 3u);
-  unsigned long expected[3] = {0, 0, 0};
-  publisherNode->GetChildHandles(3, expected);
+  std::vector<unsigned long> expected(3), all(3), first(2);
+  publisherNode->GetChildHandles(3, expected.data());
 
-  unsigned long all[3] = {0, 0, 0};
-  unsigned long first[2] = {0, 0};
-  EXPECT_EQ(client->GetChildren(p, all, 3), KT_STATUS_SUCCESS);
-  EXPECT_EQ(client->GetChildren(p, first, 2), KT_STATUS_SUCCESS);
+  EXPECT_EQ(client->GetChildren(p, all.data(), 3), KT_STATUS_SUCCESS);
+  EXPECT_EQ(client->GetChildren(p, first.data(), 2), KT_STATUS_SUCCESS);
   EXPECT_EQ(client->GetChildren(p, nullptr, 0), KT_STATUS_SUCCESS);
 
-  EXPECT_EQ(std::vector<unsigned long>(all, all + 3), std::vector<unsigned long>(expected, expected + 3));
-  EXPECT_EQ(std::vector<unsigned long>(first, first + 2),
-            std::vector<unsigned long>(expected, expected + 2));
+  EXPECT_EQ(all, expected);
+  EXPECT_EQ(first, std::vector<unsigned long>(expected.begin(), expected.begin() + 2));
+  ASSERT_EQ(client->GetChildCount(0, &count), KT_STATUS_SUCCESS);
+  EXPECT_EQ(count, registry().ChildCount()) << "0 is the root";
 }
 
 TEST_F(ClientManagerTest, ChildQueriesRefusals) {
@@ -245,19 +226,13 @@ TEST_F(ClientManagerTest, ChildQueriesRefusals) {
   unsigned long buffer[4] = {0, 0, 0, 0};
   unsigned int count = 0;
 
-  EXPECT_EQ(client->GetChildCount(p, nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "out_count");
-  EXPECT_EQ(client->GetChildCount(0x4242, &count), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "parent");
-  EXPECT_EQ(client->GetChildren(0x4242, nullptr, 1), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "out_children");
-  EXPECT_EQ(client->GetChildren(0x4242, buffer, 1), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "parent");
-  EXPECT_EQ(client->GetChildren(p, buffer, 2), KT_STATUS_INVALID_SIZE);
-  EXPECT_EQ(Refused(), "count");
+  EXPECT_EQ(Refused(client->GetChildCount(p, nullptr)), Refusal(kArgument, "out_count"));
+  EXPECT_EQ(Refused(client->GetChildCount(0x4242, &count)), Refusal(kObject, "parent"));
+  EXPECT_EQ(Refused(client->GetChildren(0x4242, nullptr, 1)), Refusal(kArgument, "out_children"));
+  EXPECT_EQ(Refused(client->GetChildren(0x4242, buffer, 1)), Refusal(kObject, "parent"));
+  EXPECT_EQ(Refused(client->GetChildren(p, buffer, 2)),
+            Refusal(KT_STATUS_INVALID_SIZE, "count"));
   EXPECT_EQ(buffer[0], 0u);
-  ASSERT_EQ(client->GetChildCount(0, &count), KT_STATUS_SUCCESS);
-  EXPECT_EQ(count, registry().ChildCount()) << "0 is the root";
 }
 
 TEST_F(ClientManagerTest, ResourceInfoDescribesTheNodeAndItsPayload) {
@@ -275,10 +250,8 @@ TEST_F(ClientManagerTest, ResourceInfoDescribesTheNodeAndItsPayload) {
   ASSERT_EQ(client->GetResourceInfo(0, &info), KT_STATUS_SUCCESS);
   EXPECT_EQ(info.name, "root");
   EXPECT_EQ(info.parent, 0u);
-  EXPECT_EQ(client->GetResourceInfo(metric, nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "out_resource");
-  EXPECT_EQ(client->GetResourceInfo(0x4242, &info), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "handle");
+  EXPECT_EQ(Refused(client->GetResourceInfo(metric, nullptr)), Refusal(kArgument, "out_resource"));
+  EXPECT_EQ(Refused(client->GetResourceInfo(0x4242, &info)), Refusal(kObject, "handle"));
 }
 
 TEST_F(ClientManagerTest, MetricDescriptorIsACopyOfTheMetricsDescription) {
@@ -289,51 +262,41 @@ TEST_F(ClientManagerTest, MetricDescriptorIsACopyOfTheMetricsDescription) {
   d.text1 = "replaced";
 
   ASSERT_EQ(client->GetMetricDescriptor(metric, &d), KT_STATUS_SUCCESS);
-
   EXPECT_EQ(d.uri, "full");
   EXPECT_EQ(d.text1, "one");
   EXPECT_EQ(d.word4, 10u);
   EXPECT_EQ(d.flags, published.flags | Metric::kFlagAvailable);
-}
 
-TEST_F(ClientManagerTest, MetricDescriptorRefusals) {
-  Metric::Description d;
-
-  EXPECT_EQ(client->GetMetricDescriptor(0, &d), KT_STATUS_INVALID_OBJECT) << "0 is not the root";
-  EXPECT_EQ(Refused(), "metric");
-  EXPECT_EQ(client->GetMetricDescriptor(Publish("m"), nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "out_desc");
-  EXPECT_EQ(client->GetMetricDescriptor(publisherNode->GetHandle(), &d), KT_STATUS_INVALID_OBJECT)
+  EXPECT_EQ(Refused(client->GetMetricDescriptor(0, &d)), Refusal(kObject, "metric"))
+      << "0 is not the root";
+  EXPECT_EQ(Refused(client->GetMetricDescriptor(metric, nullptr)), Refusal(kArgument, "out_desc"));
+  EXPECT_EQ(Refused(client->GetMetricDescriptor(publisherNode->GetHandle(), &d)),
+            Refusal(kObject, "metric"))
       << "a node that is no metric";
-  EXPECT_EQ(Refused(), "metric");
 }
 
+// A publisher with a time-based metric marks its other metrics (0x20), but
+// the parent's payload is taken for a publisher's only when its type word
+// says so.
 TEST_F(ClientManagerTest, PublisherWithTimeBasedMetricsMarksItsOtherMetrics) {
   const unsigned long plain = Publish("plain");
   const unsigned long timed = Publish("timed", 1, kUngrouped, Metric::kFlagTimeBased);
-  Metric::Description d;
-
-  ASSERT_EQ(client->GetMetricDescriptor(plain, &d), KT_STATUS_SUCCESS);
-  EXPECT_EQ(d.flags & 0x20, 0x20u);
-  EXPECT_EQ(MetricAt(plain)->m_description.flags & 0x20, 0x20u) << "kept in the registry";
-  ASSERT_EQ(client->GetMetricDescriptor(timed, &d), KT_STATUS_SUCCESS);
-  EXPECT_EQ(d.flags & 0x20, 0u);
-}
-
-// The parent's payload is taken for a publisher's only when its type word
-// says so.
-TEST_F(ClientManagerTest, ParentIsReadAsAPublisherOnlyByItsTypeWord) {
-  const unsigned long plain = Publish("plain");
-  Publish("timed", 1, kUngrouped, Metric::kFlagTimeBased);
-  publisherState->m_type = RESOURCE_TYPE_NODE;
   Path* loose = registry().GetChild("loose/m", kPathCreate);
   new MetricState(Metric::Description(), loose);
-  Metric::Description d;
+  auto marked = [this](unsigned long metric) {
+    Metric::Description d;
+    EXPECT_EQ(client->GetMetricDescriptor(metric, &d), KT_STATUS_SUCCESS);
+    return (d.flags & 0x20) != 0;
+  };
 
-  ASSERT_EQ(client->GetMetricDescriptor(plain, &d), KT_STATUS_SUCCESS);
-  EXPECT_EQ(d.flags & 0x20, 0u);
-  ASSERT_EQ(client->GetMetricDescriptor(loose->GetHandle(), &d), KT_STATUS_SUCCESS);
-  EXPECT_EQ(d.flags & 0x20, 0u);
+  EXPECT_TRUE(marked(plain));
+  EXPECT_EQ(MetricAt(plain)->m_description.flags & 0x20, 0x20u) << "kept in the registry";
+  EXPECT_FALSE(marked(timed));
+  EXPECT_FALSE(marked(loose->GetHandle()));
+
+  MetricAt(plain)->m_description.flags &= ~0x20u;
+  publisherState->m_type = RESOURCE_TYPE_NODE;
+  EXPECT_FALSE(marked(plain));
 }
 
 // ---------------------------------------------------------------------------
@@ -342,25 +305,20 @@ TEST_F(ClientManagerTest, ParentIsReadAsAPublisherOnlyByItsTypeWord) {
 class CountingProbe : public Metrics::IProbe {
  public:
   KT_STATUS Begin(unsigned long a, unsigned long b, Metrics::EventType type, void* c) override {
-    calls.push_back(RecordingClientManager::Call("Begin", a, b, static_cast<unsigned int>(type), c));
-    return 99;
+    return Note(RecordingClientManager::Call("Begin", a, b, static_cast<unsigned int>(type), c));
   }
   KT_STATUS End(unsigned long a, Metrics::EventType type, void* c) override {
-    calls.push_back(RecordingClientManager::Call("End", a, static_cast<unsigned int>(type), c));
-    return 99;
+    return Note(RecordingClientManager::Call("End", a, static_cast<unsigned int>(type), c));
   }
-  KT_STATUS Handle() override {
-    calls.push_back("Handle");
-    return 99;
-  }
+  KT_STATUS Handle() override { return Note("Handle"); }
+  KT_STATUS Note(const std::string& call) { return calls.push_back(call), 99; }
   std::vector<std::string> calls;
 };
 
 class CommandListProbe : public CountingProbe {
  public:
   KT_STATUS OnChangeStateCommandList(void* a, void* b, Metrics::CommandListState s) override {
-    calls.push_back(RecordingClientManager::Call("Command", a, b, static_cast<unsigned int>(s)));
-    return 99;
+    return Note(RecordingClientManager::Call("Command", a, b, static_cast<unsigned int>(s)));
   }
 };
 
@@ -392,37 +350,28 @@ TEST_F(ProbeTest, CreatedProbeIsFiledUnderItsTypeAndDestroyedByItsSite) {
 
   EXPECT_EQ(client->DestroyProbe(site), KT_STATUS_SUCCESS);
   EXPECT_EQ(registry().ResolveHandle(site), nullptr);
-  EXPECT_EQ(client->DestroyProbe(site), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "sitePath");
-}
-
-TEST_F(ProbeTest, CreateProbeRefusals) {
-  unsigned long site = 0;
-
-  EXPECT_EQ(client->CreateProbe(0x4242, nullptr, nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "out_site");
-  EXPECT_EQ(client->CreateProbe(0x4242, nullptr, &site), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "query") << "an unknown type is reported as the query";
-  EXPECT_EQ(client->CreateProbe(PublishProbeType(), nullptr, &site), KT_STATUS_INVALID_ARGUMENT)
-      << "the publisher made no probe";
-  EXPECT_EQ(site, 0u);
+  EXPECT_EQ(Refused(client->DestroyProbe(site)), Refusal(kArgument, "sitePath"));
 }
 
 // Any other payload is refused as a type without a probe publisher would be,
 // and so is a type whose owner node is missing.
-TEST_F(ProbeTest, CreateProbeRefusesWhatIsNoProbeTypeWithAnOwner) {
+TEST_F(ProbeTest, CreateProbeRefusals) {
+  unsigned long site = 0;
+  EXPECT_EQ(Refused(client->CreateProbe(0x4242, nullptr, nullptr)), Refusal(kArgument, "out_site"));
+  EXPECT_EQ(Refused(client->CreateProbe(0x4242, nullptr, &site)), Refusal(kArgument, "query"))
+      << "an unknown type is reported as the query";
+  EXPECT_EQ(client->CreateProbe(PublishProbeType(), nullptr, &site), kArgument)
+      << "the publisher made no probe";
+
   publisher.probeToMake = &probe;
   Path* orphan = registry().GetChild("orphan", kPathCreate);
   new ProbeTypeState(nullptr, orphan);
-  Path* plain = registry().GetChild("plain", kPathCreate);
-  unsigned long site = 0;
-
-  EXPECT_EQ(client->CreateProbe(Publish("m"), nullptr, &site), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "qpub");
-  EXPECT_EQ(client->CreateProbe(orphan->GetHandle(), nullptr, &site), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "qpub");
-  EXPECT_EQ(client->CreateProbe(plain->GetHandle(), nullptr, &site), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "qpub");
+  const unsigned long notTypes[] = {Publish("m"), orphan->GetHandle(),
+                                    registry().GetChild("plain", kPathCreate)->GetHandle()};
+  for (unsigned long handle : notTypes) {
+    EXPECT_EQ(Refused(client->CreateProbe(handle, nullptr, &site)), Refusal(kObject, "qpub"))
+        << handle;
+  }
   EXPECT_EQ(site, 0u);
 }
 
@@ -430,20 +379,18 @@ TEST_F(ProbeTest, CreateProbeRefusesWhatIsNoProbeTypeWithAnOwner) {
 TEST_F(ProbeTest, DestroyProbeDeletesNothingButAProbeSite) {
   const unsigned long metric = Publish("m");
 
-  EXPECT_EQ(client->DestroyProbe(registry().GetHandle()), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "sitePath");
-  EXPECT_EQ(client->DestroyProbe(metric), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "sitePath");
-  EXPECT_EQ(client->DestroyProbe(0x4242), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "sitePath");
+  for (unsigned long handle : {registry().GetHandle(), metric, 0x4242ul}) {
+    EXPECT_EQ(Refused(client->DestroyProbe(handle)), Refusal(kArgument, "sitePath")) << handle;
+  }
 
   EXPECT_NE(registry().ResolveHandle(metric), nullptr);
   EXPECT_NE(registry().ResolveHandle(registry().GetHandle()), nullptr);
 }
 
 TEST_F(ProbeTest, EventsReachTheProbeAndAlwaysSucceed) {
-  int context = 0;
+  int context = 0, a = 0, b = 0;
   const auto type = static_cast<Metrics::EventType>(3);
+  CommandListProbe listening;
 
   EXPECT_EQ(client->BeginProbe(Address(&probe), 1, 2, type, &context), KT_STATUS_SUCCESS);
   EXPECT_EQ(client->EndProbe(Address(&probe), 4, type, &context), KT_STATUS_SUCCESS);
@@ -452,20 +399,13 @@ TEST_F(ProbeTest, EventsReachTheProbeAndAlwaysSucceed) {
                                              Metrics::kCommandListIdle),
             KT_STATUS_SUCCESS)
       << "the default operation";
-
-  EXPECT_EQ(probe.calls, (std::vector<std::string>{
-                             RecordingClientManager::Call("Begin", 1ul, 2ul, 3u, &context),
-                             RecordingClientManager::Call("End", 4ul, 3u, &context), "Handle"}));
-}
-
-TEST_F(ProbeTest, CommandListStateReachesAProbeThatTakesIt) {
-  CommandListProbe listening;
-  int a = 0, b = 0;
-
   EXPECT_EQ(client->OnChangeStateCommandList(Address(&listening), &a, &b,
                                              static_cast<Metrics::CommandListState>(2)),
             KT_STATUS_SUCCESS);
 
+  EXPECT_EQ(probe.calls, (std::vector<std::string>{
+                             RecordingClientManager::Call("Begin", 1ul, 2ul, 3u, &context),
+                             RecordingClientManager::Call("End", 4ul, 3u, &context), "Handle"}));
   EXPECT_EQ(listening.calls,
             (std::vector<std::string>{RecordingClientManager::Call("Command", &a, &b, 2u)}));
 }
@@ -490,20 +430,19 @@ TEST_F(ClientManagerTest, RemoteMethodRefusals) {
   FakeBuffer buffer;
   const unsigned long conduit = client->GetConduitHandle(0, 0);
 
-  EXPECT_EQ(client->CallRemoteMethodSync(0x1234, nullptr, nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "args");
-  EXPECT_EQ(client->CallRemoteMethodSync(0x1234, &buffer, nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "returns");
-  EXPECT_EQ(client->CallRemoteMethodSync(0x4242, 0x1234, nullptr, &buffer),
-            KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "args");
-  EXPECT_EQ(client->__CallRemoteMethodSync(0, 0x1234, &buffer, &buffer, true),
-            KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "conduit") << "an argument error, not an unknown object";
-  EXPECT_EQ(client->CallRemoteMethodSync(publisherNode->GetHandle(), 0x1234, &buffer, &buffer),
-            KT_STATUS_INVALID_ARGUMENT)
+  EXPECT_EQ(Refused(client->CallRemoteMethodSync(0x1234, nullptr, nullptr)),
+            Refusal(kArgument, "args"));
+  EXPECT_EQ(Refused(client->CallRemoteMethodSync(0x1234, &buffer, nullptr)),
+            Refusal(kArgument, "returns"));
+  EXPECT_EQ(Refused(client->CallRemoteMethodSync(0x4242, 0x1234, nullptr, &buffer)),
+            Refusal(kArgument, "args"));
+  EXPECT_EQ(Refused(client->__CallRemoteMethodSync(0, 0x1234, &buffer, &buffer, true)),
+            Refusal(kArgument, "conduit"))
+      << "an argument error, not an unknown object";
+  EXPECT_EQ(Refused(client->CallRemoteMethodSync(publisherNode->GetHandle(), 0x1234, &buffer,
+                                                 &buffer)),
+            Refusal(kArgument, "conduit"))
       << "a node that is no conduit";
-  EXPECT_EQ(Refused(), "conduit");
   EXPECT_EQ(manager.dispatched.handle, 0u);
   EXPECT_EQ(client->CallRemoteMethodSync(conduit, 0x1234, &buffer, &buffer), KT_STATUS_SUCCESS);
 }

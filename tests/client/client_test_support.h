@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/default_client_manager.h"
@@ -34,70 +35,55 @@ class RecordingClientManager : public IClientManager {
   KT_STATUS GetPath(unsigned long root, const char* pathname,
                     unsigned long* out_handle) const override {
     Record("GetPath", root, std::string(pathname != nullptr ? pathname : "(null)"), out_handle);
-    if (status == KT_STATUS_SUCCESS && out_handle != nullptr) *out_handle = handle;
-    return status;
+    return Answer(out_handle, handle);
   }
   KT_STATUS GetChildCount(unsigned long parent, unsigned int* out_count) const override {
     Record("GetChildCount", parent, out_count);
-    if (status == KT_STATUS_SUCCESS && out_count != nullptr) *out_count = count;
-    return status;
+    return Answer(out_count, count);
   }
   KT_STATUS GetChildren(unsigned long parent, unsigned long* out_children,
                         unsigned int n) const override {
-    Record("GetChildren", parent, out_children, n);
-    return status;
+    return Record("GetChildren", parent, out_children, n);
   }
   KT_STATUS GetMetrics(unsigned long h, std::vector<std::pair<unsigned long, Metric::Description>>&,
                        std::vector<std::string>*,
                        std::map<unsigned int, std::string>*) const override {
-    Record("GetMetrics", h);
-    return status;
+    return Record("GetMetrics", h);
   }
   KT_STATUS GetResourceInfo(unsigned long h, ResourceInfo* out) const override {
     Record("GetResourceInfo", h, out);
-    if (status == KT_STATUS_SUCCESS && out != nullptr) *out = info;
-    return status;
+    return Answer(out, info);
   }
   KT_STATUS GetMetricDescriptor(unsigned long metric, Metric::Description* out) const override {
     Record("GetMetricDescriptor", metric, out);
-    if (status == KT_STATUS_SUCCESS && out != nullptr) *out = description;
-    return status;
+    return Answer(out, description);
   }
   KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) override {
     Record("SubscribeMetric", consumer, metric);
     return subscribeStatus;
   }
   KT_STATUS UnsubscribeMetric(unsigned long consumer, unsigned long metric) override {
-    Record("UnsubscribeMetric", consumer, metric);
-    return status;
+    return Record("UnsubscribeMetric", consumer, metric);
   }
   KT_STATUS SubscribeMetrics(unsigned long consumer, const unsigned long* metrics, unsigned int n,
                              IClientManagerErrorListener*) override {
-    Record("SubscribeMetrics", consumer, metrics, n);
-    return status;
+    return Record("SubscribeMetrics", consumer, metrics, n);
   }
   KT_STATUS UnsubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
                                unsigned int n, IClientManagerErrorListener*) override {
-    Record("UnsubscribeMetrics", consumer, metrics, n);
-    return status;
+    return Record("UnsubscribeMetrics", consumer, metrics, n);
   }
   KT_STATUS FlushMetrics(unsigned long consumer) override {
-    Record("FlushMetrics", consumer);
-    return status;
+    return Record("FlushMetrics", consumer);
   }
   KT_STATUS CallRemoteMethodSync(unsigned long method, const IReadBuffer* args,
                                  IWriteBuffer* returns) override {
-    Record("CallRemoteMethodSync", method, args, returns);
-    return status;
+    return Record("CallRemoteMethodSync", method, args, returns);
   }
   KT_STATUS CreateProbe(unsigned long type, void* query, unsigned long* out) override {
-    Record("CreateProbe", type, query, out);
-    return status;
+    return Record("CreateProbe", type, query, out);
   }
-  KT_STATUS DestroyProbe(unsigned long site) override {
-    Record("DestroyProbe", site);
-    return status;
-  }
+  KT_STATUS DestroyProbe(unsigned long site) override { return Record("DestroyProbe", site); }
   KT_STATUS BeginProbe(unsigned long, unsigned long, unsigned long, Metrics::EventType,
                        void*) const override {
     return status;
@@ -136,8 +122,15 @@ class RecordingClientManager : public IClientManager {
     return std::to_string(reinterpret_cast<unsigned long>(pointer));
   }
   template <typename... Args>
-  void Record(const char* operation, const Args&... args) const {
+  KT_STATUS Record(const char* operation, const Args&... args) const {
     calls.push_back(Call(operation, args...));
+    return status;
+  }
+  // `status`, writing `value` to `out` when it is success.
+  template <typename T>
+  KT_STATUS Answer(T* out, const T& value) const {
+    if (status == KT_STATUS_SUCCESS && out != nullptr) *out = value;
+    return status;
   }
 };
 
@@ -156,6 +149,10 @@ class FakePeer : public IPeer {
 // loader that files what the client manager registers. Members are declared
 // so that the client manager goes first and the objects the tree points at
 // go last.
+using Refusal = std::pair<KT_STATUS, std::string>;
+constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
+constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
+
 class ClientManagerTest : public ::testing::Test {
  protected:
   ClientManagerTest() : loader(manager), client(new DefaultClientManager(manager.registry)) {
@@ -211,10 +208,11 @@ class ClientManagerTest : public ::testing::Test {
     new PeerState(peer, node);
   }
 
-  // The argument the last refused call of this thread named; forgets it.
-  static std::string Refused() {
+  // `status` with the argument the last refused call of this thread named
+  // ("(none)" for none); forgets it. Compare with Refusal{status, argument}.
+  static Refusal Refused(KT_STATUS status) {
     const char* argument = TakeLastFailureArgument();
-    return argument != nullptr ? argument : "(none)";
+    return {status, argument != nullptr ? argument : "(none)"};
   }
 
   FakePublisher publisher;

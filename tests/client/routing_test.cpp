@@ -38,6 +38,15 @@ class RoutingTest : public ClientManagerTest {
   // The conduit's node goes while the conduit it holds is alive.
   ~RoutingTest() override { delete registry().ResolveHandle(conduit); }
   ConduitState* Tables() { return ConduitAt(conduit); }
+  // The peer answers for `foreign`: group 3 of the publisher 0x77, tag `tag`;
+  // its subscription answers `subscribed`.
+  void DescribeForeign(unsigned int tag, KT_STATUS subscribed) {
+    far.status = KT_STATUS_SUCCESS;
+    far.description.word1 = tag;
+    far.description.word4 = 3;
+    far.info.parent = 0x77;
+    far.subscribeStatus = subscribed;
+  }
   template <typename... Args>
   static std::string Call(const char* operation, const Args&... args) {
     return RecordingClientManager::Call(operation, args...);
@@ -74,20 +83,14 @@ TEST_F(RoutingTest, NamespaceQueriesOfAPeerHandleAreAnsweredByThePeer) {
 TEST_F(RoutingTest, PointerChecksOfGetPathComeBeforeRouting) {
   unsigned long handle = 0;
 
-  EXPECT_EQ(client->GetPath(foreign, "a", nullptr), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "out_handle");
-  EXPECT_EQ(client->GetPath(foreign, nullptr, &handle), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "pathname");
+  EXPECT_EQ(Refused(client->GetPath(foreign, "a", nullptr)), Refusal(kArgument, "out_handle"));
+  EXPECT_EQ(Refused(client->GetPath(foreign, nullptr, &handle)), Refusal(kArgument, "pathname"));
 
   EXPECT_TRUE(far.calls.empty());
 }
 
 TEST_F(RoutingTest, SubscriptionThroughAConduitToThePeerIsBoundThere) {
-  far.status = KT_STATUS_SUCCESS;
-  far.description.word1 = 9;
-  far.description.word4 = 3;
-  far.info.parent = 0x77;
-  far.subscribeStatus = KT_STATUS_OUT_OF_RESOURCES;
+  DescribeForeign(9, KT_STATUS_OUT_OF_RESOURCES);
 
   EXPECT_EQ(client->__SubscribeMetric(k, conduit, foreign, true), KT_STATUS_OUT_OF_RESOURCES)
       << "the peer's status, unchanged";
@@ -107,10 +110,7 @@ TEST_F(RoutingTest, SubscriptionThroughAConduitToThePeerIsBoundThere) {
 // The peer no longer describes the metric, and the group is still found: it
 // is the one the membership recorded.
 TEST_F(RoutingTest, UnsubscriptionThroughAConduitToThePeerIsUndoneThereAndForgottenHere) {
-  far.status = KT_STATUS_SUCCESS;
-  far.description.word4 = 3;
-  far.info.parent = 0x77;
-  far.subscribeStatus = KT_STATUS_SUCCESS;
+  DescribeForeign(0, KT_STATUS_SUCCESS);
   ASSERT_EQ(client->__SubscribeMetric(k, conduit, foreign, true), KT_STATUS_SUCCESS);
   FakeBuffer sample, other;
   Tables()->m_collectedHandles[0x77][3] = {foreign, 0x55};

@@ -63,30 +63,21 @@ class SubscriptionTest : public ClientManagerTest {
   unsigned long k = 0;
 };
 
-TEST_F(SubscriptionTest, SubscribeBindsTheMetricAndRecordsTagAndGroup) {
+// Subscribed twice, the metric keeps one entry per table; a refused second
+// bind must not take a bound member out of its group.
+TEST_F(SubscriptionTest, SubscribeBindsTheMetricAndRecordsTagAndGroupOnce) {
   const unsigned long metric = Publish("m", 42, 3);
 
   ASSERT_EQ(client->SubscribeMetric(k, metric), KT_STATUS_SUCCESS);
+  EXPECT_EQ(client->SubscribeMetric(k, metric), KT_STATUS_ALREADY_EXISTS);
 
   EXPECT_TRUE(ConsumerOnConduit());
   EXPECT_TRUE(Bound(metric));
+  EXPECT_EQ(Tables()->m_tags.map.size(), 1u);
   EXPECT_EQ(Tables()->m_tags.map.at(metric), 42u);
+  EXPECT_EQ(Tables()->m_groups.map.size(), 1u);
   EXPECT_EQ(Tables()->m_groups.map.at(metric),
             (std::pair<unsigned long, unsigned int>(publisherNode->GetHandle(), 3)));
-  EXPECT_TRUE(InTemplate(metric, 3));
-  EXPECT_TRUE(Expected(metric, 3));
-  EXPECT_EQ(publisher.binds, 1);
-}
-
-// A refused second bind must not take a bound member out of its group.
-TEST_F(SubscriptionTest, SubscribingTwiceKeepsOneEntryPerTableAndTheGroup) {
-  const unsigned long metric = Publish("m", 42, 3);
-  ASSERT_EQ(client->SubscribeMetric(k, metric), KT_STATUS_SUCCESS);
-
-  EXPECT_EQ(client->SubscribeMetric(k, metric), KT_STATUS_ALREADY_EXISTS);
-
-  EXPECT_EQ(Tables()->m_tags.map.size(), 1u);
-  EXPECT_EQ(Tables()->m_groups.map.size(), 1u);
   EXPECT_TRUE(InTemplate(metric, 3));
   EXPECT_TRUE(Expected(metric, 3));
   EXPECT_EQ(publisher.binds, 1);
@@ -97,8 +88,8 @@ TEST_F(SubscriptionTest, UnavailableMetricFailsButKeepsItsTagAndMembershipOnly) 
   const unsigned long metric = Publish("m", 42, 3);
   MetricAt(metric)->UpdateAvailablity(false);
 
-  EXPECT_EQ(client->SubscribeMetric(k, metric), KT_STATUS_NOT_AVAILABLE);
-  EXPECT_EQ(Refused(), "metric");
+  EXPECT_EQ(Refused(client->SubscribeMetric(k, metric)),
+            Refusal(KT_STATUS_NOT_AVAILABLE, "metric"));
 
   EXPECT_TRUE(Tagged(metric));
   EXPECT_TRUE(Member(metric));
@@ -122,37 +113,50 @@ TEST_F(SubscriptionTest, TagIsWrittenUnderOneHoldOfItsLock) {
   EXPECT_EQ(Tables()->m_tags.map.at(metric), 42u);
 }
 
-TEST_F(SubscriptionTest, SubscribeRefusalsNameTheArgumentInCheckOrder) {
+// Each row is one call of the private twin (consumer, conduit, metric,
+// full), in the order the arguments are checked.
+TEST_F(SubscriptionTest, SubscribeAndUnsubscribeRefusalsNameTheArgumentInCheckOrder) {
   const unsigned long metric = Publish("m");
   const unsigned long conduit = Conduit();
-
-  EXPECT_EQ(client->__SubscribeMetric(0, 0, 0, true), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "metric");
-  EXPECT_EQ(client->__SubscribeMetric(0, 0x4242, metric, true), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "conduit");
-  EXPECT_EQ(client->__SubscribeMetric(k, k, metric, true), KT_STATUS_INVALID_OBJECT)
-      << "a consumer's node is no conduit";
-  EXPECT_EQ(Refused(), "conduit");
-  EXPECT_EQ(client->__SubscribeMetric(0, conduit, metric, false), KT_STATUS_INVALID_ARGUMENT)
-      << "consumer 0 is refused whatever `full` is";
-  EXPECT_EQ(Refused(), "consumer");
-  EXPECT_EQ(client->__SubscribeMetric(publisherNode->GetHandle(), conduit, metric, true),
-            KT_STATUS_INVALID_OBJECT)
-      << "the conduit's own refusal, passed on";
-  EXPECT_EQ(Refused(), "0");
-  EXPECT_EQ(client->__SubscribeMetric(k, conduit, 0x4242, true), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "metric");
-  EXPECT_EQ(client->SubscribeMetric(0x4242, metric), KT_STATUS_INVALID_OBJECT)
-      << "an unknown consumer has no conduit";
-  EXPECT_EQ(Refused(), "conduit");
+  const unsigned long p = publisherNode->GetHandle();
+  const struct {
+    const char* why;
+    bool subscribe;
+    unsigned long consumer, conduit, metric;
+    bool full;
+    Refusal expected;
+  } rows[] = {
+      {"no metric", true, 0, 0, 0, true, {kArgument, "metric"}},
+      {"unknown conduit", true, 0, 0x4242, metric, true, {kObject, "conduit"}},
+      {"a consumer's node is no conduit", true, k, k, metric, true, {kObject, "conduit"}},
+      {"consumer 0 whatever `full` is", true, 0, conduit, metric, false, {kArgument, "consumer"}},
+      {"the conduit's own refusal, passed on", true, p, conduit, metric, true, {kObject, "0"}},
+      {"unknown metric", true, k, conduit, 0x4242, true, {kObject, "metric"}},
+      {"no metric", false, 0, 0, 0, true, {kArgument, "metric"}},
+      {"unknown conduit", false, 0, 0x4242, metric, true, {kObject, "conduit"}},
+      {"consumer 0", false, 0, conduit, metric, true, {kArgument, "consumer"}},
+      {"unknown consumer", false, 0x4242, conduit, metric, true, {kObject, "consumer"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::string(row.subscribe ? "subscribe: " : "unsubscribe: ") + row.why);
+    const KT_STATUS status =
+        row.subscribe
+            ? client->__SubscribeMetric(row.consumer, row.conduit, row.metric, row.full)
+            : client->__UnsubscribeMetric(row.consumer, row.conduit, row.metric, row.full);
+    EXPECT_EQ(Refused(status), row.expected);
+  }
+  EXPECT_EQ(client->__UnsubscribeMetric(0, conduit, metric, false), KT_STATUS_DOES_NOT_EXIST)
+      << "unchecked consumer; the conduit never had a binding";
+  // An unknown consumer has no conduit.
+  EXPECT_EQ(Refused(client->SubscribeMetric(0x4242, metric)), Refusal(kObject, "conduit"));
+  EXPECT_EQ(Refused(client->UnsubscribeMetric(0x4242, metric)), Refusal(kObject, "conduit"));
 }
 
 TEST_F(SubscriptionTest, ConsumerZeroRegistersTheLocalConduitFirst) {
   const unsigned long metric = Publish("m");
 
-  EXPECT_EQ(client->SubscribeMetric(0, metric), KT_STATUS_INVALID_ARGUMENT);
+  EXPECT_EQ(Refused(client->SubscribeMetric(0, metric)), Refusal(kArgument, "consumer"));
 
-  EXPECT_EQ(Refused(), "consumer");
   EXPECT_EQ(loader.added.back(), "LocalConduit_DefaultClientManager");
   EXPECT_NE(ConduitAt(client->GetConduitHandle(0, 0)), nullptr) << "and it stays registered";
 }
@@ -180,24 +184,6 @@ TEST_F(SubscriptionTest, UnsubscribeUnbindsAndForgetsButKeepsTheConduitSubscript
   EXPECT_FALSE(InTemplate(metric, 3));
   EXPECT_FALSE(Expected(metric, 3));
   EXPECT_TRUE(ConsumerOnConduit()) << "intended: it outlives the metric subscriptions";
-}
-
-TEST_F(SubscriptionTest, UnsubscribeRefusalsNameTheArgumentInCheckOrder) {
-  const unsigned long metric = Publish("m");
-  const unsigned long conduit = Conduit();
-
-  EXPECT_EQ(client->__UnsubscribeMetric(0, 0, 0, true), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "metric");
-  EXPECT_EQ(client->__UnsubscribeMetric(0, 0x4242, metric, true), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "conduit");
-  EXPECT_EQ(client->__UnsubscribeMetric(0, conduit, metric, true), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "consumer");
-  EXPECT_EQ(client->__UnsubscribeMetric(0x4242, conduit, metric, true), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "consumer");
-  EXPECT_EQ(client->__UnsubscribeMetric(0, conduit, metric, false), KT_STATUS_DOES_NOT_EXIST)
-      << "unchecked consumer; the conduit never had a binding";
-  EXPECT_EQ(client->UnsubscribeMetric(0x4242, metric), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "conduit");
 }
 
 // The membership names the group even when the metric is gone, and a pair of
@@ -249,9 +235,8 @@ TEST_F(SubscriptionTest, BatchChecksTheArrayBeforeTheCount) {
   const unsigned long metric = Publish("m");
   ErrorLog log;
 
-  EXPECT_EQ(client->SubscribeMetrics(k, nullptr, 0, &log), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "metric");
-  EXPECT_EQ(client->UnsubscribeMetrics(k, nullptr, 0, &log), KT_STATUS_INVALID_ARGUMENT);
+  EXPECT_EQ(Refused(client->SubscribeMetrics(k, nullptr, 0, &log)), Refusal(kArgument, "metric"));
+  EXPECT_EQ(client->UnsubscribeMetrics(k, nullptr, 0, &log), kArgument);
   EXPECT_EQ(client->SubscribeMetrics(k, &metric, 0, &log), KT_STATUS_SUCCESS);
   EXPECT_FALSE(Bound(metric));
 }
@@ -269,18 +254,14 @@ TEST_F(SubscriptionTest, FlushReachesTheBoundPublishers) {
 }
 
 TEST_F(SubscriptionTest, FlushRefusals) {
-  EXPECT_EQ(client->FlushMetrics(0), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "consumer");
-  EXPECT_EQ(client->FlushMetrics(0x4242), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "consumer");
-  EXPECT_EQ(client->FlushMetrics(publisherNode->GetHandle()), KT_STATUS_INVALID_OBJECT)
+  EXPECT_EQ(Refused(client->FlushMetrics(0)), Refusal(kArgument, "consumer"));
+  EXPECT_EQ(Refused(client->FlushMetrics(0x4242)), Refusal(kObject, "consumer"));
+  EXPECT_EQ(Refused(client->FlushMetrics(publisherNode->GetHandle())),
+            Refusal(kObject, "consumer"))
       << "a node that is no consumer";
-  EXPECT_EQ(Refused(), "consumer");
-  EXPECT_EQ(client->__FlushMetrics(0), KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(Refused(), "conduit");
-  EXPECT_EQ(client->__FlushMetrics(k), KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(Refused(), "conduit");
-  EXPECT_EQ(client->__FlushMetrics(Conduit()), KT_STATUS_INVALID_OBJECT)
+  EXPECT_EQ(Refused(client->__FlushMetrics(0)), Refusal(kArgument, "conduit"));
+  EXPECT_EQ(Refused(client->__FlushMetrics(k)), Refusal(kObject, "conduit"));
+  EXPECT_EQ(client->__FlushMetrics(Conduit()), kObject)
       << "the conduit's own answer: it never had a binding";
 }
 
@@ -307,10 +288,7 @@ class SampleDeliveryTest : public SubscriptionTest {
   }
   std::vector<std::string> Call(size_t i) {
     std::vector<std::string> samples;
-    for (const auto& sample : consumer.calls.at(i)) {
-      samples.push_back(std::to_string(sample.handle) + ":" + std::to_string(sample.tag) + ":" +
-                        sample.bytes);
-    }
+    for (const auto& s : consumer.calls.at(i)) samples.push_back(Sample(s.handle, s.tag, s.bytes));
     return samples;
   }
   static std::string Sample(unsigned long metric, unsigned long tag, const std::string& bytes) {
@@ -332,23 +310,9 @@ TEST_F(SampleDeliveryTest, SubscribedConsumerReceivesCommittedSamplesUntilUnsubs
   EXPECT_EQ(WriterOf(metric), nullptr) << "the publisher no longer writes into the buffer";
 }
 
-TEST_F(SampleDeliveryTest, GroupArrivesInOneCallOnceEveryMemberCommitted) {
-  const unsigned long a = Publish("a", 1, 5);
-  const unsigned long b = Publish("b", 2, 5);
-  ASSERT_EQ(client->SubscribeMetric(k, a), KT_STATUS_SUCCESS);
-  ASSERT_EQ(client->SubscribeMetric(k, b), KT_STATUS_SUCCESS);
-
-  Write(a, "x");
-  EXPECT_TRUE(consumer.calls.empty());
-  Write(b, "y");
-
-  ASSERT_EQ(consumer.calls.size(), 1u);
-  EXPECT_EQ(Call(0), (std::vector<std::string>{Sample(a, 1, "x"), Sample(b, 2, "y")}));
-}
-
-// Before, the member that could not be bound stayed awaited, and the group's
+// Before, a member that could not be bound stayed awaited, and the group's
 // cycles ended only when a bound member sent twice.
-TEST_F(SampleDeliveryTest, MemberThatCannotBeBoundDoesNotHoldUpItsGroup) {
+TEST_F(SampleDeliveryTest, GroupArrivesInOneCallOnceEveryBoundMemberCommitted) {
   const unsigned long a = Publish("a", 1, 5);
   const unsigned long b = Publish("b", 2, 5);
   const unsigned long c = Publish("c", 3, 5);
@@ -358,6 +322,7 @@ TEST_F(SampleDeliveryTest, MemberThatCannotBeBoundDoesNotHoldUpItsGroup) {
   ASSERT_EQ(client->SubscribeMetric(k, c), KT_STATUS_NOT_AVAILABLE);
 
   Write(a, "x");
+  EXPECT_TRUE(consumer.calls.empty());
   Write(b, "y");
 
   ASSERT_EQ(consumer.calls.size(), 1u);

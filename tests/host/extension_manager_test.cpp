@@ -362,21 +362,12 @@ TEST_F(ExtensionManagerTest, AddFilesEveryRoleWithItsStateAndTheDescriptorWord) 
   Remove("every", &every);
 }
 
-TEST_F(ExtensionManagerTest, PublisherAndConsumerIsFiledTwiceAndKeepsThePublisherHandle) {
-  PublisherConsumer both;
-  ASSERT_EQ(Add("both", &both), KT_STATUS_SUCCESS);
-  Path* publisher = Node("publishers", "both");
-  Path* consumer = Node("consumers", "both");
-  ASSERT_NE(publisher, nullptr);
-  ASSERT_NE(consumer, nullptr);
-  EXPECT_TRUE(consumer->IsListed());
-  EXPECT_EQ(events, (Events{{1, publisher->GetHandle()}, {1, consumer->GetHandle()}}));
-  EXPECT_EQ(both.GetHandle(), publisher->GetHandle());
-}
-
-TEST_F(ExtensionManagerTest, ConduitOrLoggerRoleSilencesTheConsumerRole) {
+// A publisher and consumer is filed twice, announced twice and keeps the
+// publisher's handle; a conduit or logger role silences the consumer role.
+TEST_F(ExtensionManagerTest, ConsumerRoleIsAnnouncedUnlessAConduitOrLoggerRoleCameFirst) {
   ConduitConsumer conduit;
   LoggerConsumer logger;
+  PublisherConsumer both;
   ASSERT_EQ(Add("pipe", &conduit), KT_STATUS_SUCCESS);
   ASSERT_EQ(Add("log", &logger), KT_STATUS_SUCCESS);
   // The conduit's consumer node, and the branch made for it, are unlisted.
@@ -386,6 +377,13 @@ TEST_F(ExtensionManagerTest, ConduitOrLoggerRoleSilencesTheConsumerRole) {
   EXPECT_TRUE(Node("consumers", "log")->IsListed());
   EXPECT_TRUE(events.empty());
   EXPECT_EQ(conduit.GetHandle(), HandleOf("conduits", "pipe"));
+
+  ASSERT_EQ(Add("both", &both), KT_STATUS_SUCCESS);
+  ASSERT_NE(Node("consumers", "both"), nullptr);
+  EXPECT_TRUE(Node("consumers", "both")->IsListed());
+  EXPECT_EQ(events,
+            (Events{{1, HandleOf("publishers", "both")}, {1, HandleOf("consumers", "both")}}));
+  EXPECT_EQ(both.GetHandle(), HandleOf("publishers", "both"));
 }
 
 TEST_F(ExtensionManagerTest, DuplicateNameReturnsAlreadyExistsAndChangesNothing) {
@@ -411,22 +409,19 @@ TEST_F(ExtensionManagerTest, DuplicateNameReturnsAlreadyExistsAndChangesNothing)
   EXPECT_EQ(events, (Events{{1, HandleOf("publishers", "late")}}));
 }
 
-TEST_F(ExtensionManagerTest, ExtensionWithoutRoleIsUnsupportedAndFilesNothing) {
+// An extension without a role is refused; a client manager is accepted.
+TEST_F(ExtensionManagerTest, ExtensionWithoutRoleOrAClientManagerIsFiledNowhere) {
   JournaledBase none;
   none.journal = &journal;
+  DefaultClientManager client(manager.GetRegistry());
+  ClaimsClientManager claimant;  // found through CastTo, before its publisher role
   EXPECT_EQ(Add("none", &none), KT_STATUS_UNSUPPORTED_EXTENSION);
+  EXPECT_EQ(Add("DefaultClientManager", &client), KT_STATUS_SUCCESS);
+  EXPECT_EQ(Add("claimant", &claimant), KT_STATUS_SUCCESS);
   for (const char* branch : {"publishers", "loggers", "conduits", "consumers", "methods"}) {
     EXPECT_EQ(Branch(branch), nullptr) << branch;
   }
   EXPECT_TRUE(journal.empty());
-}
-
-TEST_F(ExtensionManagerTest, ClientManagerIsAcceptedWithoutBeingFiled) {
-  DefaultClientManager client(manager.GetRegistry());
-  ClaimsClientManager claimant;  // found through CastTo, before its publisher role
-  EXPECT_EQ(Add("DefaultClientManager", &client), KT_STATUS_SUCCESS);
-  EXPECT_EQ(Add("claimant", &claimant), KT_STATUS_SUCCESS);
-  EXPECT_EQ(Branch("publishers"), nullptr);
   EXPECT_EQ(claimant.GetHandle(), 0u);
   EXPECT_TRUE(events.empty());
 }
@@ -450,14 +445,15 @@ TEST_F(ExtensionManagerTest, AddedMethodCarriesItsDescription) {
   EXPECT_EQ(described.m_inputCount, 2u);
   EXPECT_EQ(described.m_outputCount, 3u);
   EXPECT_EQ(events, (Events{{1, method.GetHandle()}}));
-  // Only the client command method is linked under the well-known handle.
-  EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle), nullptr);
 }
 
+// Only the client command method is linked under the well-known handle.
 TEST_F(ExtensionManagerTest, ClientCommandMethodAnswersUnderTheWellKnownHandleUntilRemoved) {
-  FakeMethod method;
+  FakeMethod other, method;
   method.clientCommand = true;
   FakeBuffer args, returns;
+  ASSERT_EQ(Add("other", &other), KT_STATUS_SUCCESS);
+  EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle), nullptr);
   ASSERT_EQ(Add("ClientCommandMethod", &method), KT_STATUS_SUCCESS);
   EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle),
             Node("methods", "ClientCommandMethod"));
@@ -562,15 +558,14 @@ TEST_F(ExtensionManagerTest, LogRunsWhileAnotherThreadAddsAndRemovesALogger) {
   EXPECT_EQ(steady.lines.back(), std::to_string(kRounds - 1) + "\n");
 }
 
-TEST_F(ExtensionManagerTest, LogNeedsTheLoggersBranchButNoLogger) {
+// Log needs the loggers branch, but no logger in it.
+TEST_F(ExtensionManagerTest, LogEndsShortLinesWithOneLineFeedAndDeliversCutLinesAsTheyAre) {
   EXPECT_EQ(manager.Log(1, "src", "%s", "x"), KT_STATUS_INVALID_OPERATION);
   FakeLogger never;
   Remove("never", &never);  // leaves "loggers" behind, empty
   ASSERT_NE(Branch("loggers"), nullptr);
   EXPECT_EQ(manager.Log(1, "src", "x"), KT_STATUS_SUCCESS);
-}
 
-TEST_F(ExtensionManagerTest, LogEndsShortLinesWithOneLineFeedAndDeliversCutLinesAsTheyAre) {
   FakeLogger first, second;
   ASSERT_EQ(Add("first", &first), KT_STATUS_SUCCESS);
   ASSERT_EQ(Add("second", &second), KT_STATUS_SUCCESS);

@@ -110,12 +110,8 @@ TEST(ProxyBufferRequest, RecordsMatchTheirByteLayouts) {
   EXPECT_EQ(Oldest(ProxyBuffer(1, 0, "a/b")),
             (Bytes{1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 'a', '/', 'b', 0}));
   EXPECT_EQ(Oldest(ProxyBuffer(4, a)), (Bytes{4, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8}));
-  EXPECT_EQ(Oldest(ProxyBuffer(3, a, b)), (Bytes{3, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 0x11, 0x12,
-                                                 0x13, 0x14, 0x15, 0x16, 0x17, 0x18}));
-  EXPECT_EQ(Oldest(ProxyBuffer(6, a, b, c)),
-            (Bytes{6,    0,    0,    0,    1,    2,    3,    4,    5,    6,
-                   7,    8,    0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17, 0x18,
-                   0x21, 0x22, 0x23, 0x24, 0x25, 0x26, 0x27, 0x28}));
+  EXPECT_EQ(Oldest(ProxyBuffer(3, a, b)), Cat({Le(3, 4), Le(a, 8), Le(b, 8)}));
+  EXPECT_EQ(Oldest(ProxyBuffer(6, a, b, c)), Cat({Le(6, 4), Le(a, 8), Le(b, 8), Le(c, 8)}));
   EXPECT_EQ(Oldest(ProxyBuffer(9, 0x55, &source)),
             (Bytes{9, 0, 0, 0, 0x55, 0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 0, 0xA1, 0xA2,
                    0xA3}));
@@ -158,13 +154,17 @@ TEST(ProxyBufferRequest, MemberDecodersReadTheirOwnRequests) {
 
 // ---- Reply records ---------------------------------------------------------
 
+// A write that cannot be reserved writes nothing.
 TEST(ProxyBufferReply, WriteAppendsStatusThenDataOrZeroes) {
   ProxyBuffer reply;
-  RecordingWriteBuffer foreign;
+  RecordingWriteBuffer foreign, huge, refusing;
+  refusing.refuse = true;
 
   reply.Write(7, "\xD1\xD2\xD3", 3);
   reply.Write(0, nullptr, 4);
   ProxyBuffer::Write(&foreign, 5, "\x04\x03\x02\x01", 4);
+  ProxyBuffer::Write(&huge, 0, nullptr, 0xFFFFFFFDu);
+  ProxyBuffer::Write(&refusing, 0, nullptr, 4);
 
   EXPECT_EQ(Oldest(reply), (Bytes{7, 0, 0, 0, 0xD1, 0xD2, 0xD3}));
   const void* first = nullptr;
@@ -174,42 +174,28 @@ TEST(ProxyBufferReply, WriteAppendsStatusThenDataOrZeroes) {
   EXPECT_EQ(foreign.reserved, std::vector<unsigned long>{8});
   EXPECT_EQ(foreign.block, (Bytes{5, 0, 0, 0, 4, 3, 2, 1}));
   EXPECT_EQ(foreign.commits, 1);
-}
-
-TEST(ProxyBufferReply, WriteThatCannotBeReservedWritesNothing) {
-  RecordingWriteBuffer huge, refusing;
-  refusing.refuse = true;
-
-  ProxyBuffer::Write(&huge, 0, nullptr, 0xFFFFFFFDu);
-  ProxyBuffer::Write(&refusing, 0, nullptr, 4);
-
   EXPECT_TRUE(huge.reserved.empty());
   EXPECT_EQ(refusing.commits, 0);
 }
 
+// Without a whole status word, ReadBack answers invalid operation and
+// writes nothing.
 TEST(ProxyBufferReply, ReadBackCopiesAFittingReplyAndZeroFillsAnOversizedOne) {
-  ProxyBuffer fitting, oversized(16);
+  ProxyBuffer fitting, oversized(16), empty, shortReply;
   fitting.Write(5, "\x11\x22\x33\x44", 4);
   oversized.Write(0, Counting(16).data(), 16);
-  Bytes out(8, 0xAA), zeroed(8, 0xAA);
+  shortReply.Commit(shortReply.Reserve(3));
+  Bytes out(8, 0xAA), zeroed(8, 0xAA), untouched(4, 0xAA);
 
   EXPECT_EQ(fitting.ReadBack(out.data(), 8), 5u);
   EXPECT_EQ(fitting.ReadBack(nullptr, 0), 5u);
   EXPECT_EQ(oversized.ReadBack(zeroed.data(), 8), 0u);
+  EXPECT_EQ(empty.ReadBack(untouched.data(), 4), KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(shortReply.ReadBack(untouched.data(), 4), KT_STATUS_INVALID_OPERATION);
 
   EXPECT_EQ(out, (Bytes{0x11, 0x22, 0x33, 0x44, 0xAA, 0xAA, 0xAA, 0xAA}));
   EXPECT_EQ(zeroed, Bytes(8, 0));
-}
-
-TEST(ProxyBufferReply, ReadBackWithoutAWholeStatusWordReturnsInvalidOperation) {
-  ProxyBuffer empty, shortReply;
-  shortReply.Commit(shortReply.Reserve(3));
-  Bytes out(4, 0xAA);
-
-  EXPECT_EQ(empty.ReadBack(out.data(), 4), KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(shortReply.ReadBack(out.data(), 4), KT_STATUS_INVALID_OPERATION);
-
-  EXPECT_EQ(out, Bytes(4, 0xAA));
+  EXPECT_EQ(untouched, Bytes(4, 0xAA));
 }
 
 // ---- Decoders over records of other buffer classes ---------------------------

@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -131,6 +132,10 @@ class StringBuffer : public IReadWriteBuffer {
     pending.pop_front();
   }
   void CommitTimeBasedMetric(void*) override {}
+  // Holds `record` as committed, unless it is empty.
+  explicit StringBuffer(const std::string& record = "") {
+    if (!record.empty()) records.push_back(record);
+  }
   std::deque<std::string> pending;
   std::deque<std::string> records;
   bool failReserve = false;
@@ -138,6 +143,12 @@ class StringBuffer : public IReadWriteBuffer {
 
 // The far side of B's mount: hands out the proxy; releasing it is a no-op
 // (the fixture owns both).
+// The bytes of `value` as they lie in memory.
+template <typename T>
+std::string Raw(T value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
 class ProxyPeer : public IPeer {
  public:
   void Release() override {}
@@ -247,16 +258,9 @@ class RemoteAccessTest : public ::testing::Test {
 // ---------------------------------------------------------------------------
 // A client of B works on A's namespace.
 
-TEST_F(RemoteAccessTest, TheWellKnownHandleReachesTheCommandMethodOfA) {
-  ASSERT_NE(a.GetRegistry().GetLocalGuid(), b.GetRegistry().GetLocalGuid());
-  Path* methods = a.GetRegistry().GetChild("methods", 0);
-  ASSERT_NE(methods, nullptr);
-  EXPECT_EQ(a.GetRegistry().ResolveHandle(kClientCommandHandle),
-            methods->GetChildNamed("ClientCommandMethod", 0));
-  EXPECT_EQ(b.GetRegistry().ResolveHandle(kClientCommandHandle), nullptr);
-}
-
+// Under the well-known handle, B's requests reach A's command method.
 TEST_F(RemoteAccessTest, PathThroughTheMountIsResolvedByA) {
+  ASSERT_NE(a.GetRegistry().GetLocalGuid(), b.GetRegistry().GetLocalGuid());
   unsigned long handle = 0;
   ASSERT_EQ(clientB->GetPath(0, "peers/A/publishers/p/m", &handle), KT_STATUS_SUCCESS);
   EXPECT_EQ(handle, metric);
@@ -435,14 +439,11 @@ TEST_F(RemoteAccessTest, DescriptorReadsTheSizeRecordTwiceAsKept) {
 
   ASSERT_EQ(proxy->GetMetricDescriptor(metric, &desc), KT_STATUS_SUCCESS);
   // The second read takes the size record again: its four bytes land at the
-  // front of a zeroed blob, so the id is the blob's size and all else empty.
-  EXPECT_EQ(desc.id, blobSize);
-  EXPECT_EQ(desc.flags, 0u);
-  EXPECT_EQ(desc.list1, (std::vector<unsigned int>{9})) << "lists are appended to";
-  EXPECT_EQ(desc.word1, 0u);
-  EXPECT_EQ(desc.uri, "");
-  EXPECT_EQ(desc.word4, 0u);
-  EXPECT_EQ(desc.word5, 0u);
+  // front of a zeroed blob, so the id is the blob's size and all else empty
+  // (lists are appended to).
+  EXPECT_EQ(std::make_tuple(desc.id, desc.flags, desc.list1, desc.word1, desc.uri, desc.word4,
+                            desc.word5),
+            std::make_tuple(blobSize, 0u, std::vector<unsigned int>{9}, 0u, std::string(), 0u, 0u));
 
   Metric::Description unknown;
   unknown.uri = "kept";
@@ -454,12 +455,7 @@ TEST_F(RemoteAccessTest, DescriptorReplyIsTwoRecordsAlsoOnFailure) {
   StringBuffer reply;
   EXPECT_FALSE(Serve(ProxyBuffer(5, aRoot + 12345), reply));
   ASSERT_EQ(reply.records.size(), 2u);
-  unsigned int status = 0;
-  unsigned int size = 0;
-  std::memcpy(&status, reply.records[0].data(), 4);
-  std::memcpy(&size, reply.records[0].data() + 4, 4);
-  EXPECT_EQ(status, KT_STATUS_INVALID_OBJECT);
-  EXPECT_EQ(size, 62u) << "the default description";
+  EXPECT_EQ(reply.records[0], Raw(KT_STATUS_INVALID_OBJECT) + Raw(62u)) << "the default's size";
   EXPECT_EQ(reply.records[1].size(), 4u + 62u);
 
   Metric::Description decoded;
@@ -488,15 +484,13 @@ TEST_F(RemoteAccessTest, ProbesAndMetricListsAreNotAvailableThroughAProxy) {
   unsigned long site = 55;
   std::vector<std::pair<unsigned long, Metric::Description>> metrics;
   std::vector<std::string> groups{"g"};
-  EXPECT_EQ(proxy->CreateProbe(1, nullptr, &site), KT_STATUS_INVALID_OPERATION);
+  const KT_STATUS refused[] = {
+      proxy->CreateProbe(1, nullptr, &site), proxy->DestroyProbe(1),
+      proxy->BeginProbe(1, 2, 3, Metrics::kEventNone, nullptr),
+      proxy->EndProbe(1, 2, Metrics::kEventNone, nullptr), proxy->HandleProbe(1),
+      proxy->OnChangeStateCommandList(1, nullptr, nullptr, Metrics::kCommandListIdle)};
+  for (KT_STATUS status : refused) EXPECT_EQ(status, KT_STATUS_INVALID_OPERATION);
   EXPECT_EQ(site, 55u);
-  EXPECT_EQ(proxy->DestroyProbe(1), KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(proxy->BeginProbe(1, 2, 3, Metrics::kEventNone, nullptr),
-            KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(proxy->EndProbe(1, 2, Metrics::kEventNone, nullptr), KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(proxy->HandleProbe(1), KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(proxy->OnChangeStateCommandList(1, nullptr, nullptr, Metrics::kCommandListIdle),
-            KT_STATUS_INVALID_OPERATION);
   EXPECT_EQ(proxy->GetMetrics(aRoot, metrics, &groups, nullptr), KT_STATUS_SUCCESS);
   EXPECT_TRUE(metrics.empty());
   EXPECT_EQ(groups, std::vector<std::string>{"g"});
@@ -506,105 +500,68 @@ TEST_F(RemoteAccessTest, ProbesAndMetricListsAreNotAvailableThroughAProxy) {
 TEST_F(RemoteAccessTest, UnansweredCallsJoinTheTransportStatusWithTheMissingReply) {
   unsigned int count = 77;
   toA.lost = KT_STATUS_INVALID_SIZE;
-  EXPECT_EQ(proxy->GetChildCount(aRoot, &count), KT_STATUS_INVALID_SIZE | KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(proxy->GetChildCount(aRoot, &count),
+            KT_STATUS_INVALID_SIZE | KT_STATUS_INVALID_OPERATION);
   EXPECT_EQ(count, 77u);
 
   // A proxy whose client manager is not this library's has no transport.
   ClientManagerProxy stranded(0, mountHandle, "A", proxy.get(), toA.GetHandle(), 0);
   EXPECT_EQ(stranded.GetChildCount(aRoot, &count),
             KT_STATUS_INVALID_OBJECT | KT_STATUS_INVALID_OPERATION);
-}
 
-// ---------------------------------------------------------------------------
-// Run, served directly.
-
-TEST_F(RemoteAccessTest, RunRefusesEmptyShortAndUnknownRequestsWithoutAReply) {
-  ProxyBuffer empty;
-  StringBuffer shortRequest;
-  shortRequest.Commit(shortRequest.Reserve(2));
-  for (unsigned int op : {0u, 10u}) {
-    ProxyBuffer reply;
-    EXPECT_FALSE(Serve(ProxyBuffer(op, aRoot), reply)) << op;
-    EXPECT_EQ(Oldest(reply), "") << op;
-  }
-  for (const IReadBuffer* request : {static_cast<const IReadBuffer*>(&empty),
-                                     static_cast<const IReadBuffer*>(&shortRequest)}) {
-    ProxyBuffer reply;
-    EXPECT_FALSE(Serve(*request, reply));
-    EXPECT_EQ(Oldest(reply), "");
-  }
-
-  // Through the transport, the missing reply reads back as 4.
-  ProxyBuffer reply;
+  // A request A refuses leaves no reply, which reads back as 4.
+  toA.lost = KT_STATUS_SUCCESS;
+  ProxyBuffer empty, reply;
   const KT_STATUS sent =
       clientB->CallRemoteMethodSync(toA.GetHandle(), kClientCommandHandle, &empty, &reply);
   EXPECT_EQ(sent, KT_STATUS_INVALID_OPERATION);
   EXPECT_EQ(sent | reply.ReadBack(nullptr, 0), KT_STATUS_INVALID_OPERATION);
 }
 
+// ---------------------------------------------------------------------------
+// Run, served directly.
+
+// Each row is a request record ("" for none) that Run refuses, and the reply
+// records it leaves behind.
+TEST_F(RemoteAccessTest, RunRefusesWhatItCannotServeAndRepliesOnlyWithAStatusIfAtAll) {
+  const struct {
+    const char* why;
+    std::string request;
+    bool failReserve;
+    std::vector<std::string> reply;
+  } rows[] = {
+      {"no request", "", false, {}},
+      {"a request shorter than its op", std::string(2, '\0'), false, {}},
+      {"op 0", Oldest(ProxyBuffer(0, aRoot)), false, {}},
+      {"op 10", Oldest(ProxyBuffer(10, aRoot)), false, {}},
+      {"children beyond the count, refused before anything is allocated",
+       Oldest(ProxyBuffer(3, aRoot, 0xFFFFFFFFul)), false, {std::string("\x0a\0\0\0", 4)}},
+      {"a payload longer than its request: the echo method never runs",
+       Raw(9u) + Raw(echo.GetHandle()) + Raw(1000ul), false, {}},
+      {"a reply that cannot be allocated", Oldest(ProxyBuffer(2, aRoot, "")), true, {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.why);
+    StringBuffer request(row.request), reply;
+    reply.failReserve = row.failReserve;
+    EXPECT_FALSE(Serve(request, reply));
+    EXPECT_EQ(std::vector<std::string>(reply.records.begin(), reply.records.end()), row.reply);
+  }
+}
+
+// Requests in buffers of any class; a short one decodes as defaults: op 1
+// alone has start 0 and the empty path, which name the root.
 TEST_F(RemoteAccessTest, RunServesRequestsInBuffersOfAnyClass) {
-  StringBuffer request;
-  const std::string path = "publishers/p/m";
-  std::string record(12, '\0');
-  const unsigned int op = 1;
-  std::memcpy(&record[0], &op, 4);
-  record += path;
-  record.push_back('\0');
-  void* block = request.Reserve(record.size());
-  std::memcpy(block, record.data(), record.size());
-  request.Commit(block);
-  StringBuffer reply;
-
-  ASSERT_TRUE(Serve(request, reply));
-  ASSERT_EQ(reply.records.size(), 1u);
-  unsigned long handle = 0;
-  std::memcpy(&handle, reply.records.front().data() + 4, 8);
-  EXPECT_EQ(handle, metric);
-}
-
-TEST_F(RemoteAccessTest, ShortRequestsDecodeAsDefaults) {
-  // Op 1 alone: start 0 and the empty path name the root.
-  StringBuffer request;
-  const unsigned int op = 1;
-  std::memcpy(request.Reserve(4), &op, 4);
-  request.Commit(nullptr);
-  ProxyBuffer reply;
-  ASSERT_TRUE(Serve(request, reply));
-  unsigned long handle = 0;
-  EXPECT_EQ(reply.ReadBack(&handle, 8), KT_STATUS_SUCCESS);
-  EXPECT_EQ(handle, aRoot);
-}
-
-TEST_F(RemoteAccessTest, ChildrenBeyondTheCountAreRefusedBeforeAnythingIsAllocated) {
-  StringBuffer reply;
-  EXPECT_FALSE(Serve(ProxyBuffer(3, aRoot, 0xFFFFFFFFul), reply));
-  ASSERT_EQ(reply.records.size(), 1u);
-  EXPECT_EQ(reply.records.front(), std::string("\x0a\0\0\0", 4)) << "status 10, no data";
-}
-
-TEST_F(RemoteAccessTest, RunFailsWhenItsReplyCannotBeAllocated) {
-  StringBuffer reply;
-  reply.failReserve = true;
-  EXPECT_FALSE(Serve(ProxyBuffer(2, aRoot, ""), reply));
-  EXPECT_TRUE(reply.records.empty());
-}
-
-TEST_F(RemoteAccessTest, PayloadLongerThanItsRequestIsRefused) {
-  // Op 9 whose length field claims 1000 bytes behind a 20-byte header.
-  std::string record(20, '\0');
-  const unsigned int op = 9;
-  const unsigned long method = echo.GetHandle();
-  const unsigned long length = 1000;
-  std::memcpy(&record[0], &op, 4);
-  std::memcpy(&record[4], &method, 8);
-  std::memcpy(&record[12], &length, 8);
-  StringBuffer request;
-  void* block = request.Reserve(record.size());
-  std::memcpy(block, record.data(), record.size());
-  request.Commit(block);
-  StringBuffer reply;
-  EXPECT_FALSE(Serve(request, reply));
-  EXPECT_TRUE(reply.records.empty()) << "the echo method never ran";
+  const std::pair<std::string, unsigned long> rows[] = {
+      {Raw(1u) + Raw(0ul) + std::string("publishers/p/m") + '\0', metric},
+      {Raw(1u), aRoot},
+  };
+  for (const auto& [record, expected] : rows) {
+    StringBuffer request(record), reply;
+    ASSERT_TRUE(Serve(request, reply)) << expected;
+    ASSERT_EQ(reply.records.size(), 1u);
+    EXPECT_EQ(reply.records.front(), Raw(0u) + Raw(expected));
+  }
 }
 
 TEST_F(RemoteAccessTest, CallsNestedIntoTheCommandMethodStopAtABoundedDepth) {
