@@ -78,8 +78,9 @@ class QueueBufferTest : public ::testing::Test {
     unsigned long size = 0;
     buffer.GetData(&data, &size);
     if (data == nullptr) return "";
+    std::string text(static_cast<const char*>(data), size);  // copied first: a release may free the arena
     buffer.MakeAvailable(data);
-    return std::string(static_cast<const char*>(data), size);
+    return text;
   }
   static const void* Oldest(const QueueBuffer& buffer) {
     const void* data = &buffer;
