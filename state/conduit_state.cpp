@@ -1,6 +1,7 @@
 #include "state/conduit_state.h"
 
 #include <algorithm>
+#include <memory>
 
 #include "host/diagnostics.h"
 #include "kt/consumer.h"
@@ -49,6 +50,15 @@ void ReleaseOldest(const IReadBuffer* buffer) {
 
 // The entries one push delivers, as parallel arrays shared by every consumer.
 struct ConduitState::Cycle {
+  // Empties the arrays and keeps their room.
+  void Clear() {
+    handles.clear();
+    tags.clear();
+    data.clear();
+    sizes.clear();
+    buffers.clear();
+  }
+
   std::vector<unsigned long> handles;
   std::vector<unsigned long> tags;
   std::vector<const void*> data;
@@ -57,9 +67,21 @@ struct ConduitState::Cycle {
 };
 
 ConduitState::ConduitState(IConduit* conduit, Path* path)
-    : PathData(path), m_conduit(conduit), m_groupingLock(true), m_collectionLock(true) {}
+    : PathData(path),
+      m_conduit(conduit),
+      m_groupingLock(true),
+      m_collectionLock(true),
+      m_route(new PushRoute(this)),
+      m_subscriptionsNode(nullptr),
+      m_batchSubscriptionsNode(nullptr),
+      m_spareCycle(nullptr) {}
 
 ConduitState::~ConduitState() {
+  // Buffers still bound through this state push through the manager from
+  // now on. They are not touched: the conduit may have freed them already.
+  m_route->Close();
+  m_route->Release();
+  delete m_spareCycle.exchange(nullptr);
   if (m_path == nullptr) return;
   // Bindings first, so that every publisher stops writing into this
   // conduit's buffers; each is looked up again after the lock is released,
@@ -106,9 +128,14 @@ KT_STATUS ConduitState::Subscribe(unsigned long consumerHandle) {
   ConsumerState* state = ConsumerOf(consumer);
   if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer", consumerHandle);
   Path* subscriptions = m_path->GetChild("subscriptions", kPrivateNode);
+  m_subscriptionsNode.store(subscriptions, std::memory_order_release);
   if (subscriptions->GetChild(consumerHandle, 0) != nullptr) return KT_STATUS_ALREADY_EXISTS;
   subscriptions->AddSymlink(consumer);
-  if (state->IsConsumer2()) m_path->GetChild("batch_subscriptions", kPrivateNode)->AddSymlink(consumer);
+  if (state->IsConsumer2()) {
+    Path* batch = m_path->GetChild("batch_subscriptions", kPrivateNode);
+    m_batchSubscriptionsNode.store(batch, std::memory_order_release);
+    batch->AddSymlink(consumer);
+  }
   return state->Subscribe(m_path);
 }
 
@@ -121,8 +148,12 @@ KT_STATUS ConduitState::Unsubscribe(unsigned long consumerHandle) {
   const KT_STATUS status = state->Unsubscribe(m_path);
   if (state->IsConsumer2()) {
     Path* batch = m_path->GetChild("batch_subscriptions", 0);
-    // Deliberately, as it stands: the entry stays in "subscriptions".
-    if (batch == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "batchSubPath", consumerHandle);
+    if (batch == nullptr) {
+      // Only a node removed by hand gets here; the push must not use it.
+      m_batchSubscriptionsNode.store(nullptr, std::memory_order_release);
+      // Deliberately, as it stands: the entry stays in "subscriptions".
+      return Fail(KT_STATUS_INVALID_OBJECT, "batchSubPath", consumerHandle);
+    }
     batch->RemoveSymlink(consumerHandle);
   }
   subscriptions->RemoveSymlink(consumerHandle);
@@ -147,10 +178,14 @@ KT_STATUS ConduitState::Bind(Path* metricPath, unsigned long metricHandle) {
     delete binding;  // a failed bind leaves no binding behind
     return PassOn(status, "status", "m_conduit");
   }
+  // Attached before the publisher has the buffer, so that its first sample
+  // already takes the direct way.
+  AttachBuffer(buffer, m_route);
   auto* state = new MetricBindingState(binding);
   status = state->Bind(metricPath->GetHandle(), this, publisher, buffer);
   if (status != KT_STATUS_SUCCESS) {
     delete binding;
+    AttachBuffer(buffer, nullptr);
     m_conduit->DestroyBuffer(buffer);
     return PassOn(status, "state", "m_conduit");
   }
@@ -169,7 +204,10 @@ KT_STATUS ConduitState::Unbind(unsigned long metricHandle) {
   // group's collection beside the buffer that goes back to the pool, and the
   // group would wait forever for a member that is gone.
   ForgetMetric(metricHandle);
-  if (IReadWriteBuffer* buffer = state->TakeBuffer()) m_conduit->DestroyBuffer(buffer);
+  if (IReadWriteBuffer* buffer = state->TakeBuffer()) {
+    AttachBuffer(buffer, nullptr);  // back in the pool, it may serve another state
+    m_conduit->DestroyBuffer(buffer);
+  }
   Registry* registry = RegistryOf(m_path);
   if (registry == nullptr || registry->ResolveHandle(metricHandle) == nullptr) {
     // Deliberately so: the emptied binding stays when the metric is no longer
@@ -247,8 +285,13 @@ KT_STATUS ConduitState::PushData(unsigned long metricHandle, const IReadBuffer* 
     group = it->second;
   }
   if (group.second == kUngrouped) return PushUngrouped(metricHandle, buffer);
-  Cycle cycle;
-  if (CollectGrouped(metricHandle, buffer, group, &cycle)) Deliver(cycle);
+  // Two pushes at once find one spare at most; the other makes its own, and
+  // the spare given back last is kept.
+  std::unique_ptr<Cycle> cycle(m_spareCycle.exchange(nullptr, std::memory_order_acq_rel));
+  if (cycle == nullptr) cycle.reset(new Cycle());
+  if (CollectGrouped(metricHandle, buffer, group, cycle.get())) Deliver(*cycle);
+  cycle->Clear();
+  delete m_spareCycle.exchange(cycle.release(), std::memory_order_acq_rel);
   return KT_STATUS_SUCCESS;
 }
 
@@ -261,8 +304,10 @@ bool ConduitState::CollectGrouped(unsigned long metricHandle, const IReadBuffer*
   std::vector<unsigned long>& handles = m_collectedHandles[group.first][group.second];
   std::vector<const IReadBuffer*>& buffers = m_collectedBuffers[group.first][group.second];
 
-  const bool wasExpected = expected.erase(metricHandle) != 0;
+  MemberNode member = expected.extract(metricHandle);
+  const bool wasExpected = !member.empty();
   if (wasExpected) {
+    m_spareMembers.push_back(std::move(member));
     handles.push_back(metricHandle);
     buffers.push_back(buffer);
     if (!expected.empty()) return false;  // the cycle waits for its other members
@@ -287,20 +332,48 @@ bool ConduitState::CollectGrouped(unsigned long metricHandle, const IReadBuffer*
   }
   handles.clear();
   buffers.clear();
-  expected = m_groupTemplate[group.first][group.second];
+  RefillExpected(expected, m_groupTemplate[group.first][group.second]);
   if (!wasExpected) {
     // This sample opens the next cycle.
     handles.push_back(metricHandle);
     buffers.push_back(buffer);
-    expected.erase(metricHandle);
+    member = expected.extract(metricHandle);
+    if (!member.empty()) m_spareMembers.push_back(std::move(member));
   }
   return !cycle->handles.empty();
+}
+
+void ConduitState::RefillExpected(std::unordered_set<unsigned long>& expected,
+                                  const std::unordered_set<unsigned long>& members) {
+  while (!expected.empty()) m_spareMembers.push_back(expected.extract(expected.begin()));
+  for (unsigned long member : members) {
+    if (m_spareMembers.empty()) {
+      expected.insert(member);
+      continue;
+    }
+    MemberNode node = std::move(m_spareMembers.back());
+    m_spareMembers.pop_back();
+    node.value() = member;
+    expected.insert(std::move(node));
+  }
+}
+
+Path* ConduitState::FixedChild(std::atomic<Path*>& cached, const char* name) {
+  Path* node = cached.load(std::memory_order_acquire);
+  if (node != nullptr) return node;
+  node = m_path->GetChild(name, 0);
+  if (node != nullptr) cached.store(node, std::memory_order_release);
+  return node;
+}
+
+void ConduitState::AttachBuffer(IReadWriteBuffer* buffer, PushRoute* route) {
+  if (auto* queue = dynamic_cast<QueueBuffer*>(buffer)) queue->AttachRoute(route);
 }
 
 void ConduitState::CallConsumers(unsigned int count, unsigned long* handles,
                                  const unsigned long* tags, const void** data,
                                  unsigned long* sizes) {
-  Path* subscriptions = m_path->GetChild("subscriptions", 0);
+  Path* subscriptions = FixedChild(m_subscriptionsNode, "subscriptions");
   if (subscriptions == nullptr) return;  // delivers to nobody
   WriteGuard hold(subscriptions->GetLock());
   subscriptions->ForEachChild([&](Path* node) {
@@ -335,12 +408,12 @@ KT_STATUS ConduitState::PushUngrouped(unsigned long metricHandle, const IReadBuf
     batched = m_batchMetrics.count(metricHandle) != 0;
   }
   if (batched) {
-    Path* batch = m_path->GetChild("batch_subscriptions", 0);
+    Path* batch = FixedChild(m_batchSubscriptionsNode, "batch_subscriptions");
     if (batch != nullptr) {
       WriteGuard hold(batch->GetLock());
       batch->ForEachChild([&](Path* node) {
         ConsumerState* state = ConsumerOf(node);
-        IConsumer2* consumer = state != nullptr ? BatchedFaceOf(state->GetConsumer()) : nullptr;
+        IConsumer2* consumer = state != nullptr ? state->GetBatchedFace() : nullptr;
         if (consumer != nullptr) consumer->OnBatchMetricUpdated(metricHandle, tag, data);
       });
     }

@@ -21,9 +21,19 @@
 // membership (read, released), grouping, collection, and the tag map (read) per
 // entry; consumers are called after the grouping locks are released. Each table
 // is changed only under its own write lock. The state does not own the conduit.
+//
+// The push path looks nothing up by name or handle: the buffers of this
+// conduit hold the state's route while their bindings last (see PushRoute in
+// transport/queue_buffer.h; the state closes it when it goes, and never
+// touches a buffer then, since the conduit may have freed its buffers
+// first), and the "subscriptions" and
+// "batch_subscriptions" nodes are remembered once found. Both are owned
+// children of the conduit's node, which destroys its payload (this state)
+// before its children, and nothing else removes them.
 #ifndef KT_STATE_CONDUIT_STATE_H_
 #define KT_STATE_CONDUIT_STATE_H_
 
+#include <atomic>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -36,6 +46,7 @@
 #include "kt/status.h"
 #include "registry/path.h"
 #include "registry/path_data.h"
+#include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
 
@@ -62,12 +73,13 @@ class ConduitState : public PathData {
   KT_STATUS Unsubscribe(unsigned long consumerHandle);
 
   // Binds the metric `metricPath` (handle `metricHandle`) to this conduit: a
-  // buffer from the conduit, a bound metric from the publisher. Fails with
+  // buffer from the conduit (attached to this state when it is a queue
+  // buffer of this conduit), a bound metric from the publisher. Fails with
   // KT_STATUS_ALREADY_EXISTS when already bound here, or with the status of
   // the conduit or the publisher; nothing stays behind on failure.
   KT_STATUS Bind(Path* metricPath, unsigned long metricHandle);
-  // Undoes Bind, forgets the metric in the push tables and gives the buffer
-  // back to the conduit. KT_STATUS_DOES_NOT_EXIST without any binding,
+  // Undoes Bind, forgets the metric in the push tables, detaches the buffer
+  // and gives it back to the conduit. KT_STATUS_DOES_NOT_EXIST without any binding,
   // KT_STATUS_INVALID_OBJECT for a metric not bound here or no longer
   // registered.
   KT_STATUS Unbind(unsigned long metricHandle);
@@ -101,9 +113,15 @@ class ConduitState : public PathData {
 
  private:
   struct Cycle;
+  typedef std::unordered_set<unsigned long>::node_type MemberNode;
+
   KT_STATUS PushUngrouped(unsigned long metricHandle, const IReadBuffer* buffer);
   bool CollectGrouped(unsigned long metricHandle, const IReadBuffer* buffer,
                       std::pair<unsigned long, unsigned int> group, Cycle* cycle);
+  // Makes `expected` a copy of `members`, reusing the set nodes of earlier
+  // cycles. Under the grouping lock.
+  void RefillExpected(std::unordered_set<unsigned long>& expected,
+                      const std::unordered_set<unsigned long>& members);
   void Deliver(Cycle& cycle);
   // Calls every subscribed consumer under the write lock of "subscriptions":
   // consumers of one conduit are called one push at a time.
@@ -111,6 +129,20 @@ class ConduitState : public PathData {
                      const void** data, unsigned long* sizes);
   void ForgetMetric(unsigned long metricHandle);
   bool LookUpTag(unsigned long metricHandle, unsigned long* tag);
+  // The child `name` of the conduit's node, remembered in `cached` once
+  // found; null while there is none.
+  Path* FixedChild(std::atomic<Path*>& cached, const char* name);
+  // Attaches `buffer` to `route`, or detaches it (null), when it is a queue
+  // buffer; other buffers are left alone.
+  static void AttachBuffer(IReadWriteBuffer* buffer, PushRoute* route);
+
+  PushRoute* m_route;                           // made here, closed and let go at destruction
+  std::atomic<Path*> m_subscriptionsNode;       // "subscriptions", once found
+  std::atomic<Path*> m_batchSubscriptionsNode;  // "batch_subscriptions", once found
+  // A cycle's arrays, kept between grouped pushes so that a cycle allocates
+  // nothing once they have grown; a push takes it and gives it back.
+  std::atomic<Cycle*> m_spareCycle;
+  std::vector<MemberNode> m_spareMembers;  // removed from expected sets; under the grouping lock
 };
 
 }  // namespace MetricsFramework

@@ -21,7 +21,8 @@ ConsumerState::ConsumerState(IConsumer* consumer, Path* path)
       consumer(consumer),
       conduitHandles(1),
       stateLock(true),
-      isConsumer2(BatchedFaceOf(consumer) != nullptr) {
+      isConsumer2(BatchedFaceOf(consumer) != nullptr),
+      castFace(dynamic_cast<IConsumer2*>(consumer)) {
   conduitHandles.max_load_factor(1.0f);
   m_type = RESOURCE_TYPE_CONSUMER;
   GetLogger().RegisterLogTag("RegistryState", LOG_LEVEL_ERROR);
@@ -57,6 +58,10 @@ ConsumerState::~ConsumerState() {
   // While the registry is torn down, the loader is not asked (its manager is
   // going); otherwise it drops the extension, which it must never free.
   if (registry != nullptr && registry->NotificationsEnabled()) localConduit.Unregister();
+}
+
+IConsumer2* ConsumerState::GetBatchedFace() const {
+  return castFace != nullptr ? castFace : BatchedFaceOf(consumer);
 }
 
 KT_STATUS ConsumerState::Subscribe(Path* conduitPath) {

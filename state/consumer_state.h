@@ -53,6 +53,10 @@ class ConsumerState : public PathData {
 
   IConsumer* GetConsumer() const { return consumer; }
   bool IsConsumer2() const { return isConsumer2; }
+  // The consumer's batched face, as BatchedFaceOf finds it. The run-time cast
+  // is made once; a consumer that offers the face only through CastTo is
+  // still asked on every call.
+  IConsumer2* GetBatchedFace() const;
 
  private:
   IConsumer* consumer;
@@ -60,6 +64,7 @@ class ConsumerState : public PathData {
   std::unordered_map<unsigned int, unsigned long> conduitHandles;
   ReadWriteLock stateLock;
   bool isConsumer2;
+  IConsumer2* castFace;  // the run-time cast of `consumer`, or null
 };
 
 // The consumer's batched face, by a run-time cast or else CastTo; null when it

@@ -2,15 +2,15 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <typeinfo>
 
+#include "host/default_extension_manager.h"
 #include "host/diagnostics.h"
 #include "host/registry_manager.h"
 #include "state/conduit_state.h"
 
 namespace MetricsFramework {
 namespace {
-
-typedef std::map<void*, unsigned int>::iterator BlockEntry;
 
 HeapState* NewArena(std::size_t capacity) {
   HeapState* heap = new HeapState();
@@ -23,17 +23,6 @@ void FreeArenas(std::list<HeapState*>& heaps) {
   heaps.clear();
 }
 
-// The arena that holds the live block starting at `data`, with its entry in
-// *entry; null when no arena has it.
-HeapState* ArenaOf(const std::list<HeapState*>& heaps, const void* data, BlockEntry* entry) {
-  void* key = const_cast<void*>(data);
-  for (HeapState* heap : heaps) {
-    *entry = heap->blocks.find(key);
-    if (*entry != heap->blocks.end()) return heap;
-  }
-  return nullptr;
-}
-
 // The registry node of the conduit's handle, through the conduit's manager.
 Path* FindConduitPath(IConduit* conduit, unsigned long conduitHandle) {
   if (conduit == nullptr) return nullptr;
@@ -42,27 +31,52 @@ Path* FindConduitPath(IConduit* conduit, unsigned long conduitHandle) {
   return manager->GetRegistry().ResolveHandle(conduitHandle);
 }
 
+// Whether a push handed to the conduit's manager ends in ConduitState::PushData
+// of the state filed under the conduit's handle and nothing else: true only for
+// this library's manager itself, not for a class derived from it.
+bool ManagerRoutesToState(IConduit* conduit) {
+  IExtensionManager* manager = conduit != nullptr ? conduit->GetExtensionManager() : nullptr;
+  return manager != nullptr && typeid(*manager) == typeid(DefaultExtensionManager);
+}
+
 }  // namespace
 
 QueueBuffer::QueueBuffer(unsigned int initialSize, IConduit* conduit, unsigned long conduitHandle,
                          unsigned long bindingHandle, unsigned int flags)
     : heaps(new std::list<HeapState*>()),
+      committedLock(true),
+      committedCount(0),
       firstCommit(true),
       conduit(conduit),
       conduitHandle(conduitHandle),
       bindingHandle(bindingHandle),
       flags(flags),
-      conduitPath(nullptr) {
+      conduitPath(nullptr),
+      route(nullptr) {
   if (initialSize != 0) heaps->push_back(NewArena(initialSize));
   conduitPath = FindConduitPath(conduit, conduitHandle);
 }
 
 QueueBuffer::~QueueBuffer() {
+  AttachRoute(nullptr);
   FreeArenas(*heaps);
   delete heaps;
 }
 
 bool QueueBuffer::SortBySize(const HeapState*, const HeapState*) { return false; }
+
+bool QueueBuffer::AttachRoute(PushRoute* newRoute) {
+  if (newRoute != nullptr) {
+    ConduitState* state = newRoute->State();
+    if (state == nullptr || conduitPath == nullptr || state->m_path != conduitPath ||
+        conduitPath->GetPayload() != state || !ManagerRoutesToState(conduit)) {
+      return false;
+    }
+    newRoute->Hold();
+  }
+  if (PushRoute* old = route.exchange(newRoute, std::memory_order_acq_rel)) old->Release();
+  return true;
+}
 
 void* QueueBuffer::Reserve(unsigned long size) {
   // Block sizes are 32-bit: the upper half of `size` is dropped on purpose.
@@ -96,43 +110,58 @@ void* QueueBuffer::Reserve(unsigned long size) {
     heap->writeOffset = 0;
   }
   unsigned char* block = heap->storage.data() + heap->writeOffset;
+  // Recorded before the arena's counters change, so that a ring that cannot
+  // grow leaves the arena as it was.
+  if (n != 0) live.PushBack({block, n, heap});
   heap->used += n;
   heap->writeOffset += n;
-  heap->blocks[block] = n;
   return block;
+}
+
+std::size_t QueueBuffer::FindLive(const void* data) const {
+  const std::size_t count = live.Size();
+  if (count == 0) return count;
+  if (live[count - 1].data == data) return count - 1;
+  for (std::size_t i = 0; i + 1 < count; ++i) {
+    if (live[i].data == data) return i;
+  }
+  return count;
 }
 
 void QueueBuffer::Commit(void* data) {
   unsigned int n = 0;
   {
     std::lock_guard<std::mutex> hold(heapMutex);
-    BlockEntry entry;
-    if (ArenaOf(*heaps, data, &entry) != nullptr) n = entry->second;
+    const std::size_t at = FindLive(data);
+    if (at != live.Size()) n = live[at].size;
   }
   if (n == 0) return;
 
   {
-    // Before the queue entry, so that a reader who sees the block finds its
-    // size; a re-commit replaces the earlier entry.
-    WriteGuard hold(sizes);
-    sizes.map[data] = n;
-  }
-  {
-    WriteGuard hold(committed);
+    WriteGuard hold(committedLock);
     // A block committed again while still queued moves to the back but stays
     // live in its arena: releasing it here would leave it queued yet
     // unreleasable, and the buffer would stall.
-    if (!firstCommit) committed.list.remove(data);
-    committed.list.push_back(data);
+    if (!firstCommit) {
+      for (std::size_t i = 0; i < committed.Size(); ++i) {
+        if (committed[i].data != data) continue;
+        committed.Erase(i);
+        break;
+      }
+    }
+    committed.PushBack({data, n});
+    committedCount.store(committed.Size(), std::memory_order_release);
   }
   firstCommit = false;
   if ((flags & kPushOnCommit) != 0) Push();
 }
 
 void QueueBuffer::CommitTimeBasedMetric(void* data) {
-  if (conduitPath != nullptr) {
-    if (auto* state = dynamic_cast<ConduitState*>(conduitPath->GetPayload())) {
-      state->PushDataForTimeBasedMetric(bindingHandle, data);
+  if (ConduitState* state = RoutedState()) {
+    state->PushDataForTimeBasedMetric(bindingHandle, data);
+  } else if (conduitPath != nullptr) {
+    if (auto* found = dynamic_cast<ConduitState*>(conduitPath->GetPayload())) {
+      found->PushDataForTimeBasedMetric(bindingHandle, data);
     }
   }
   // The block is never queued, so no reader will release it: it goes back to
@@ -156,7 +185,12 @@ void QueueBuffer::Flush() {
 }
 
 KT_STATUS QueueBuffer::Push() {
-  if (conduit == nullptr || bindingHandle == 0 || Front() == nullptr) return KT_STATUS_SUCCESS;
+  if (conduit == nullptr || bindingHandle == 0) return KT_STATUS_SUCCESS;
+  if (committedCount.load(std::memory_order_acquire) == 0) return KT_STATUS_SUCCESS;
+  // A route is attached only where the manager would send this push.
+  if (ConduitState* state = RoutedState()) {
+    return state->PushData(bindingHandle, this);
+  }
   IExtensionManager* manager = conduit->GetExtensionManager();
   if (manager == nullptr) return Fail(KT_STATUS_INVALID_OPERATION, "extensionManager");
   return manager->PushDataToConsumers(conduitHandle, bindingHandle, this);
@@ -168,13 +202,10 @@ void QueueBuffer::GetData(const void** data, unsigned long* size) const {
     if (size != nullptr) *size = 0;
     return;
   }
-  *data = Front();
-  if (size == nullptr) return;
-  *size = 0;
-  if (*data == nullptr) return;
-  ReadGuard hold(sizes);
-  const auto found = sizes.map.find(*data);
-  if (found != sizes.map.end()) *size = found->second;
+  ReadGuard hold(committedLock);
+  const bool empty = committed.Empty();
+  *data = empty ? nullptr : committed.Front().data;
+  if (size != nullptr) *size = empty ? 0 : committed.Front().size;
 }
 
 void QueueBuffer::MakeAvailable(const void* data) const {
@@ -182,24 +213,25 @@ void QueueBuffer::MakeAvailable(const void* data) const {
   // producer may carve and commit the same address again, and that new sample
   // must not be dequeued by this release.
   {
-    WriteGuard hold(committed);
-    committed.list.remove(data);
-  }
-  {
-    WriteGuard hold(sizes);
-    sizes.map.erase(data);
+    WriteGuard hold(committedLock);
+    for (std::size_t i = 0; i < committed.Size(); ++i) {
+      if (committed[i].data != data) continue;
+      committed.Erase(i);  // a block is queued at most once
+      committedCount.store(committed.Size(), std::memory_order_release);
+      break;
+    }
   }
   ReleaseFromArena(data);
 }
 
 void QueueBuffer::ReleaseFromArena(const void* data) const {
   std::lock_guard<std::mutex> hold(heapMutex);
-  BlockEntry entry;
-  HeapState* heap = ArenaOf(*heaps, data, &entry);
-  if (heap == nullptr) return;
-  heap->used -= entry->second;
+  const std::size_t at = FindLive(data);
+  if (at == live.Size()) return;
+  HeapState* heap = live[at].heap;
+  heap->used -= live[at].size;
+  live.Erase(at);
   if (heap->used == 0) heap->writeOffset = 0;  // the arena rewinds
-  heap->blocks.erase(entry);
   if (heap->used != 0 || heaps->size() <= 1) return;
   heaps->remove(heap);
   // Unlinked, the arena is unreachable: it is freed rather than leaked.
@@ -207,28 +239,26 @@ void QueueBuffer::ReleaseFromArena(const void* data) const {
 }
 
 const void* QueueBuffer::Front() const {
-  ReadGuard hold(committed);
-  return committed.list.empty() ? nullptr : committed.list.front();
+  ReadGuard hold(committedLock);
+  return committed.Empty() ? nullptr : committed.Front().data;
 }
 
 void QueueBuffer::Clear() {
   std::lock_guard<std::mutex> hold(heapMutex);
   FreeArenas(*heaps);
+  live.Clear();
 }
 
 void QueueBuffer::Reset(unsigned long bindingHandle) {
-  // The queue and the size map are emptied too: blocks left in them would
-  // point into the arenas freed below, and the reused buffer would deliver
-  // freed memory forever.
+  // The queue is emptied too: blocks left in it would point into the arenas
+  // freed below, and the reused buffer would deliver freed memory forever.
   {
-    WriteGuard hold(committed);
-    committed.list.clear();
-  }
-  {
-    WriteGuard hold(sizes);
-    sizes.map.clear();
+    WriteGuard hold(committedLock);
+    committed.Clear();
+    committedCount.store(0, std::memory_order_release);
   }
   Clear();
+  AttachRoute(nullptr);
   this->bindingHandle = bindingHandle;
 }
 

@@ -5,11 +5,18 @@
 // A producer reserves raw memory (Reserve), writes a sample and commits it
 // (Commit); committed blocks queue up in commit order. The push path reads the
 // oldest committed block (GetData) and releases it (MakeAvailable). Memory
-// comes from a list of growable byte arenas (HeapState), each with a table of
-// its live blocks, so that reserving is cheap and blocks are released one by
-// one. An arena rewinds to offset 0 once all its blocks are released; until
-// then its space is not reused, and a slow reader makes the buffer add arenas,
-// each larger than the largest one so far.
+// comes from a list of growable byte arenas (HeapState); the buffer keeps a
+// ring of its live blocks, in the order they were reserved, and a ring of the
+// committed ones with their sizes, so that reserving, committing and
+// releasing allocate nothing once the rings have grown to the largest number
+// of blocks ever live at once. An arena rewinds to offset 0 once all its
+// blocks are released; until then its space is not reused, and a slow reader
+// makes the buffer add arenas, each larger than the largest one so far.
+//
+// A conduit state that binds a metric to the buffer attaches its route
+// (AttachRoute, below) and detaches it when the binding ends. While the route
+// is attached and open, a push goes straight to its state, which is where this
+// library's manager would route it, so that samples need no lookup by handle.
 //
 // Ownership: the buffer owns its arenas; the conduit that made it owns the
 // buffer. Blocks stay valid until they are released, Clear, Reset or the
@@ -18,30 +25,62 @@
 // Threads: one producer (Reserve, Commit, CommitTimeBasedMetric) and a pushing
 // side (GetData, MakeAvailable, Flush) that may run on other threads, for
 // instance a grouped cycle completed by another metric's push or a client's
-// flush. The committed queue and the size map carry their own recursive
-// ReadWriteLocks; the arena list and the arenas are guarded by one leaf mutex,
-// never held while those locks are taken or while the buffer calls out. Clear
-// and Reset must not race with the producer or the pushing side.
+// flush. The committed ring carries its own recursive ReadWriteLock; the arena
+// list, the arenas and the live ring are guarded by one leaf mutex, never held
+// while that lock is taken or while the buffer calls out. AttachRoute may run
+// while the producer commits. Clear and Reset must not race with the producer
+// or the pushing side.
 #ifndef KT_TRANSPORT_QUEUE_BUFFER_H_
 #define KT_TRANSPORT_QUEUE_BUFFER_H_
 
+#include <atomic>
+#include <cstddef>
 #include <list>
-#include <map>
 #include <mutex>
 #include <vector>
 
-#include "foundation/sync_list.h"
-#include "foundation/sync_map.h"
+#include "foundation/read_write_lock.h"
 #include "kt/buffer.h"
 #include "kt/conduit.h"
 #include "kt/status.h"
 #include "registry/path.h"
+#include "transport/ring_queue.h"
 
 namespace MetricsFramework {
 
+class ConduitState;
+
+// PushRoute: the way from a buffer to the conduit state it is bound through,
+// shared by that state and its buffers so that either may go first. The state
+// makes it, closes it when it is destroyed (State() is null from then on) and
+// lets go; each buffer holds it while attached; the last holder frees it.
+// Threads: any; State() may be read while the state closes it, but pushes
+// that use the state must have ended before the state is destroyed, as they
+// must for a push routed by the manager.
+class PushRoute {
+ public:
+  // The maker holds the new route.
+  explicit PushRoute(ConduitState* state) : state(state), holders(1) {}
+  PushRoute(const PushRoute&) = delete;
+  PushRoute& operator=(const PushRoute&) = delete;
+
+  ConduitState* State() const { return state.load(std::memory_order_acquire); }
+  void Close() { state.store(nullptr, std::memory_order_release); }
+  void Hold() { holders.fetch_add(1, std::memory_order_relaxed); }
+  // Lets go; the last holder frees the route.
+  void Release() {
+    if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
+
+ private:
+  ~PushRoute() = default;
+
+  std::atomic<ConduitState*> state;
+  std::atomic<int> holders;
+};
+
 // One arena: a plain record owned by its buffer.
 struct HeapState {
-  std::map<void*, unsigned int> blocks;  // live block start -> its size
   std::vector<unsigned char> storage;    // the bytes; its size is the capacity
   unsigned int writeOffset;              // where the next block is carved
   unsigned int used;                     // bytes of live blocks
@@ -60,7 +99,8 @@ class QueueBuffer : public IReadWriteBuffer {
               unsigned long bindingHandle, unsigned int flags);
   QueueBuffer(const QueueBuffer&) = delete;
   QueueBuffer& operator=(const QueueBuffer&) = delete;
-  // Frees every arena; blocks still queued become invalid.
+  // Frees every arena (blocks still queued become invalid) and lets go of the
+  // route.
   ~QueueBuffer() override;
 
   // The oldest committed block and its size; null and 0 when none is queued
@@ -74,7 +114,9 @@ class QueueBuffer : public IReadWriteBuffer {
   // The order of these four is this class's own virtual-table order: never
   // reorder.
   // Writable memory of `size` bytes; only the low 32 bits of `size` count.
-  // Never returns null; allocation failure throws std::bad_alloc.
+  // Never returns null; allocation failure throws std::bad_alloc. A block of
+  // 0 bytes is not recorded as live (it could not be committed, and it shares
+  // its address with the next block anyway).
   void* Reserve(unsigned long size) override;
   // Queues a block returned by Reserve (again at the back when it is already
   // queued) and, with kPushOnCommit, pushes. Unknown pointers are ignored.
@@ -86,17 +128,26 @@ class QueueBuffer : public IReadWriteBuffer {
   // take the oldest block; with it, does nothing (every Commit has pushed).
   void Flush() override;
 
-  // Asks the conduit's extension manager to deliver the oldest block to the
-  // consumers of the binding. Returns KT_STATUS_SUCCESS without calling anyone
-  // when there is no conduit, no binding or nothing queued;
-  // KT_STATUS_INVALID_OPERATION when the conduit has no manager; otherwise
-  // the manager's status.
+  // Asks the conduit's extension manager (or the attached state, where the
+  // manager would send it) to deliver the oldest block to the consumers of
+  // the binding. Returns KT_STATUS_SUCCESS without calling anyone when there
+  // is no conduit, no binding or nothing queued; KT_STATUS_INVALID_OPERATION
+  // when the conduit has no manager; otherwise the manager's (the state's)
+  // status.
   KT_STATUS Push();
-  // Frees every arena. The committed queue and the size map are kept.
+  // Frees every arena. The committed queue (with its sizes) is kept.
   void Clear();
-  // Clear, empties the committed queue and the size map, and binds the buffer
-  // to `bindingHandle`. For a pooled buffer handed to a new binding.
+  // Clear, empties the committed queue, detaches the route and binds the
+  // buffer to `bindingHandle`. For a pooled buffer handed to a new binding.
   void Reset(unsigned long bindingHandle);
+
+  // Holds `route`, so that pushes and time-based samples reach its state
+  // without a lookup, and lets go of the route held before; null detaches.
+  // Attaches nothing, and returns false, unless the route's state is the
+  // payload of the conduit's node and the conduit's manager is exactly this
+  // library's extension manager (whose push routes to that payload): other
+  // managers still see every push.
+  bool AttachRoute(PushRoute* route);
 
   // The arena order used after adding an arena: answers false for every pair,
   // so the arenas stay in the order they were made and are searched oldest
@@ -104,22 +155,49 @@ class QueueBuffer : public IReadWriteBuffer {
   static bool SortBySize(const HeapState* a, const HeapState* b);
 
  protected:
+  // A block handed out by Reserve and not yet released.
+  struct LiveBlock {
+    const void* data;
+    unsigned int size;
+    HeapState* heap;  // the arena it was carved from
+  };
+  // A committed block.
+  struct QueuedBlock {
+    const void* data;
+    unsigned int size;
+  };
+
   std::list<HeapState*>* heaps;                // arenas, in search order
-  mutable SyncMap<const void*, unsigned int> sizes;  // committed block -> size
-  mutable SyncList<const void*> committed;     // committed blocks, oldest first
+  mutable RingQueue<LiveBlock> live;           // reservation order; under heapMutex
+  mutable RingQueue<QueuedBlock> committed;    // oldest first; under committedLock
+  mutable ReadWriteLock committedLock;         // built recursive
+  // committed.Size(), written under committedLock, so that Push can tell an
+  // empty queue without taking it.
+  mutable std::atomic<std::size_t> committedCount;
   bool firstCommit;                            // true until the first Commit
   IConduit* conduit;                           // the conduit that made the buffer
   unsigned long conduitHandle;
   unsigned long bindingHandle;                 // 0 while unbound
   unsigned int flags;
   Path* conduitPath;                           // the conduit's node, or null
-  mutable std::mutex heapMutex;                // guards heaps and the arenas
+  mutable std::mutex heapMutex;                // guards heaps, the arenas and `live`
+  std::atomic<PushRoute*> route;               // held; null when detached
 
  private:
   friend class QueueBufferInspector;  // tests read the arenas
 
   // The oldest committed block, or null.
   const void* Front() const;
+  // The state of the attached route while it is open, or null.
+  ConduitState* RoutedState() const {
+    PushRoute* held = route.load(std::memory_order_acquire);
+    return held != nullptr ? held->State() : nullptr;
+  }
+  // The place of the live block that starts at `data` in `live`, or
+  // live.Size() when there is none. The newest and the oldest are tried
+  // first: a commit names the block just reserved, a release the oldest.
+  // The caller holds heapMutex.
+  std::size_t FindLive(const void* data) const;
   // Gives the bytes of the live block `data` back to its arena; ignores
   // pointers that are not live blocks. Takes heapMutex.
   void ReleaseFromArena(const void* data) const;

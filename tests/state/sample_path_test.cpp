@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "host/default_extension_manager.h"
 #include "support/fake_manager.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
@@ -185,6 +187,67 @@ TEST_F(RoutedSamplePathTest, BatchedSamplesGoToBatchedConsumersOneAtATime) {
 
   EXPECT_EQ(batched.tags, (std::vector<unsigned long>{8, 8}));
   EXPECT_TRUE(consumer.calls.empty());
+}
+
+// Under this library's own manager a buffer hands its pushes straight to the
+// conduit state it was bound through; either may go first.
+class DirectSamplePathTest : public ::testing::Test {
+ protected:
+  DirectSamplePathTest() : conduit(new LocalConduit()) {
+    Registry& registry = manager.GetRegistry();
+    publisherNode = registry.GetChild("publishers/p", kPathCreate);
+    publisherState = new PublisherState(&publisher, publisherNode);
+    conduitNode = registry.GetChild("conduits/LocalConduit_c", kPathCreate | kPathUnlisted);
+    auto* state = new ConduitState(conduit.get(), conduitNode);
+    conduit->Load(&manager, nullptr, conduitNode->GetHandle(), nullptr);
+    Path* consumerNode = registry.GetChild("consumers/k", kPathCreate);
+    new ConsumerState(&consumer, consumerNode);
+    EXPECT_EQ(state->Subscribe(consumerNode->GetHandle()), KT_STATUS_SUCCESS);
+    Metric::Description d;
+    d.uri = "cpu";
+    EXPECT_EQ(publisherState->PublishMetric(d, &metric), KT_STATUS_SUCCESS);
+    EXPECT_EQ(state->Bind(publisherNode->GetChild(metric, 0), metric), KT_STATUS_SUCCESS);
+    state->m_tags.map[metric] = 9;
+    state->m_groups.map[metric] = {publisherNode->GetHandle(), kUngrouped};
+    writer = dynamic_cast<QueueBuffer*>(publisher.bound.at(0)->attached);
+  }
+  void Write(const char* text) {
+    void* block = writer->Reserve(std::strlen(text));
+    std::memcpy(block, text, std::strlen(text));
+    writer->Commit(block);
+  }
+
+  RecordingConsumer consumer;
+  FakePublisher publisher;
+  std::unique_ptr<LocalConduit> conduit;  // reset by a test to go before the tree
+  DefaultExtensionManager manager;
+  Path* publisherNode;
+  PublisherState* publisherState;
+  Path* conduitNode;
+  unsigned long metric = 0;
+  QueueBuffer* writer = nullptr;
+};
+
+TEST_F(DirectSamplePathTest, BufferOutlivingItsConduitStatePushesThroughTheManagerAgain) {
+  ASSERT_NE(writer, nullptr);
+  Write("a");
+  ASSERT_EQ(consumer.calls.size(), 1u);
+  EXPECT_EQ(consumer.samples.at(0).tag, 9u);
+
+  delete conduitNode;  // the state goes; the conduit keeps the buffer
+  Write("b");          // the manager no longer finds the conduit: nothing delivered
+
+  EXPECT_EQ(consumer.calls.size(), 1u);
+  const void* left = nullptr;
+  writer->GetData(&left, nullptr);
+  EXPECT_NE(left, nullptr) << "the undelivered sample stays queued";
+}
+
+TEST_F(DirectSamplePathTest, ConduitAndItsBuffersMayGoBeforeTheConduitState) {
+  ASSERT_NE(writer, nullptr);
+  Write("a");
+  conduit.reset();  // the buffers let go of the route; the state closes it later
+  EXPECT_EQ(consumer.calls.size(), 1u);
 }
 
 }  // namespace

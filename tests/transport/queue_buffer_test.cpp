@@ -78,8 +78,9 @@ class QueueBufferTest : public ::testing::Test {
     unsigned long size = 0;
     buffer.GetData(&data, &size);
     if (data == nullptr) return "";
+    std::string text(static_cast<const char*>(data), size);  // copied first: a release may free the arena
     buffer.MakeAvailable(data);
-    return std::string(static_cast<const char*>(data), size);
+    return text;
   }
   static const void* Oldest(const QueueBuffer& buffer) {
     const void* data = &buffer;
@@ -171,6 +172,43 @@ TEST_F(QueueBufferTest, LastReleaseRewindsAnArenaAndDropsItWhenOthersRemain) {
   buffer->MakeAvailable(blocks[4]);
   EXPECT_EQ(Arenas(*buffer), std::vector<size_t>{1281});
   EXPECT_EQ(buffer->Reserve(8), second);
+}
+
+TEST_F(QueueBufferTest, ReleaseBehindTheFrontKeepsTheOthersQueuedAndTheArenaUnwound) {
+  auto buffer = Make(1024);
+  void* a = Write(*buffer, "a");
+  void* b = Write(*buffer, "bb");
+  Write(*buffer, "ccc");
+
+  buffer->MakeAvailable(b);
+  EXPECT_EQ(Take(*buffer), "a");
+  EXPECT_NE(buffer->Reserve(1), a) << "one block is still live: no rewind yet";
+  EXPECT_EQ(Take(*buffer), "ccc");
+  EXPECT_EQ(Oldest(*buffer), nullptr);
+}
+
+// More blocks than the rings first hold, queued while the ring has wrapped
+// and while arenas are added; one is committed again from the middle.
+TEST_F(QueueBufferTest, DeepQueueSurvivesRingAndArenaGrowthInCommitOrder) {
+  auto buffer = Make(64);
+  std::vector<std::string> expected;
+  for (int i = 0; i < 5; ++i) Write(*buffer, "w" + std::to_string(i));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(Take(*buffer), "w" + std::to_string(i));
+  expected = {"w3", "w4"};
+  void* middle = nullptr;
+  for (int i = 0; i < 40; ++i) {
+    const std::string text = "sample-" + std::string(static_cast<size_t>(i % 7), 'x');
+    void* block = Write(*buffer, text);
+    if (i == 20) middle = block;
+    if (i != 20) expected.push_back(text);
+  }
+  buffer->Commit(middle);
+  expected.push_back("sample-xxxxxx");
+  EXPECT_GT(Arenas(*buffer).size(), 1u);
+
+  std::vector<std::string> taken;
+  for (std::string text = Take(*buffer); !text.empty(); text = Take(*buffer)) taken.push_back(text);
+  EXPECT_EQ(taken, expected);
 }
 
 TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushAddsNothing) {
