@@ -21,12 +21,18 @@ struct TwoConduits {
     for (int i = 0; i < 2; ++i) {
       BenchPublisher* publisher = host.AddPublisher("publisher" + std::to_string(i));
       const unsigned long metric = host.Publish(publisher, "sample", 42);
-      const unsigned long consumer = host.AddConsumer("consumer" + std::to_string(i), &consumers[i]);
+      const unsigned long consumer = host.AddConsumer("consumer" + std::to_string(i), consumers[i]);
       host.Subscribe(consumer, metric);
       writers[i] = publisher->WritersOf(metric).at(0);
     }
   }
-  CountingConsumer consumers[2];
+  // Each consumer on a cache line of its own: two counters side by side would
+  // make the two threads share a line that neither shares in the library.
+  struct alignas(64) OwnLine {
+    CountingConsumer consumer;
+  };
+  OwnLine lines[2];
+  CountingConsumer* consumers[2] = {&lines[0].consumer, &lines[1].consumer};
   BenchHost host;
   IWriteBuffer* writers[2] = {nullptr, nullptr};
 };
