@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fuzz/served_process.h"
@@ -82,6 +83,8 @@ Word InputWord(const uint8_t* data, size_t size, size_t offset) {
 // Client command
 
 constexpr uint32_t kHandleMark = 0x4B544844;  // "KTHD" in a word's upper half
+constexpr char kNextRequest[] = "\xFE\xFFRQ";     // between two requests of one input
+constexpr int kMaxRequests = 16;
 
 void SubstituteHandles(uint8_t* data, size_t size, const std::vector<unsigned long>& handles) {
   for (size_t i = 0; i + 8 <= size;) {
@@ -241,7 +244,7 @@ void CheckRoundTrips(const uint8_t* data, size_t size) {
 //
 // Steps of at least three bytes, [op][flags][length] then `length` bytes of
 // text (fewer when the input ends). The low three bits of op choose the
-// step; bit 3 repeats the text up to 5000 bytes to make long names. Flags go to
+// step; bit 3 lengthens the text to 5000 bytes with a long name. Flags go to
 // the library unchanged, unknown bits included.
 //   0 GetChild(text, flags)            1 GetChild(text, flags, &rest)
 //   2 GetChildNamed(text whole, NULs included)
@@ -307,25 +310,39 @@ struct PathProgram {
   }
 };
 
+// With `repeat`, the text once, then again without its separators until it
+// is kLongText bytes: one very long name after whatever path the text holds
+// (thousands of levels would only measure tree building).
 std::string StepText(const uint8_t* data, size_t length, bool repeat) {
   std::string text(reinterpret_cast<const char*>(data), length);
   if (!repeat) return text;
-  if (text.empty()) text = "n";
-  std::string longText;
-  while (longText.size() + text.size() <= kLongText) longText += text;
-  return longText;
+  std::string name = text;
+  name.erase(std::remove_if(name.begin(), name.end(),
+                            [](char c) { return c == '/' || c == '\\'; }),
+             name.end());
+  if (name.empty()) name = "n";
+  while (text.size() + name.size() <= kLongText) text += name;
+  return text;
 }
 
 }  // namespace
 
 int FuzzClientCommand(const uint8_t* data, size_t size) {
   ServedProcess process;
-  ExactCopy request(data, size);
-  SubstituteHandles(request.data(), request.size(), process.Handles());
-  const RecordView view(request.data(), request.size());
-  ProxyBuffer reply;
-  process.Command().Run(&view, &reply);
-  DrainReplies(reply);
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  const std::string_view separator(kNextRequest, sizeof kNextRequest - 1);
+  size_t start = 0;
+  for (int served = 0; served < kMaxRequests && start <= size; ++served) {
+    size_t end = input.find(separator, start);
+    if (end == std::string_view::npos) end = size;
+    ExactCopy request(data + start, end - start);
+    SubstituteHandles(request.data(), request.size(), process.Handles());
+    const RecordView view(request.data(), request.size());
+    ProxyBuffer reply;
+    process.Command().Run(&view, &reply);
+    DrainReplies(reply);
+    start = end + separator.size();
+  }
   return 0;
 }
 

@@ -21,11 +21,13 @@
 namespace MetricsFramework {
 namespace fuzz {
 
-// A request record served by ClientCommandMethod::Run in a freshly populated
-// process (fuzz/served_process.h). A 64-bit word "KTHD" << 32 | k anywhere
-// in the input stands for the k-th handle of that process (modulo their
-// number), so that inputs reach real nodes although handles change from run
-// to run.
+// Request records served one after the other by ClientCommandMethod::Run in
+// a freshly populated process (fuzz/served_process.h), so that a request
+// meets what earlier ones left (a flush after a subscription). The four bytes
+// FE FF 'R' 'Q' separate the requests of an input; at most 16 are served. A
+// 64-bit word "KTHD" << 32 | k in a request stands for the k-th handle of
+// that process (modulo their number), so that inputs reach real nodes
+// although handles change from run to run.
 int FuzzClientCommand(const uint8_t* data, size_t size);
 
 // The input as one record, read by every ProxyBuffer decoder (static forms on

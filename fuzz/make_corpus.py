@@ -20,6 +20,10 @@ NODES = ["", "publishers", "publishers/p", "publishers/p/m", "publishers/p/m2",
          "well-known command handle"]
 
 
+# Between two requests of one client-command input.
+SEPARATOR = b"\xfe\xffRQ"
+
+
 def h(node):
     return struct.pack("<II", NODES.index(node), 0x4B544844)
 
@@ -55,6 +59,9 @@ def client_command():
         "subscribe_other_order": words(6, k, m, local),
         "unsubscribe": words(7, k, local, m),
         "flush": words(8, local),
+        "subscribe_flush_unsubscribe": SEPARATOR.join([
+            words(6, k, local, m), words(6, k, local, h("publishers/p/m2")), words(8, local),
+            words(3, m, 1), words(7, k, local, m), words(8, local), words(6, k, local, m)]),
         "call_echo": payload_request(9, h("methods/echo"), b"hello"),
         "call_command_nested": payload_request(9, h("well-known command handle"),
                                                payload_request(9, h("methods/ClientCommandMethod"),
@@ -108,7 +115,7 @@ def path():
                       step(0, create, b"//lead") + step(1, 0, b".."),
         "named_with_nul": step(2, create, b"x\0y") + step(0, 0, b"x"),
         "long_name": step(8, create, b"n") + step(8 | 1, 0, b"n"),
-        "deep_long": step(8, create | unlisted, b"seg/"),
+        "long_name_after_path": step(8, create | unlisted, b"seg/x\\"),
         "rename_and_remove": step(0, create, b"a/b") + step(6, 0, b"c") + step(0, 0, b"a") +
                              step(4, 0, b"") + step(0, create | no_entry, b"z") + step(7, 0, b"") +
                              step(5, 0, b"") + step(0, 0, b"a") + step(7, 0, b""),

@@ -131,11 +131,12 @@ void ServedProcess::Populate() {
     registry.GetChild(path, kPathCreate);
   }
 
-  for (const char* path : {"", "publishers", "publishers/p", "publishers/p/m", "publishers/p/m2",
-                           "publishers/p/pm", "publishers/p/probe_types/type", "consumers", "consumers/k",
-                           "conduits", "conduits/local", "methods", "methods/ClientCommandMethod",
-                           "methods/echo", "tree", "tree/a/b", "tree/a/b/c", "peers",
-                           longName.c_str()}) {
+  // The order of fuzz/make_corpus.py's NODES: the seeds name nodes by it.
+  for (const char* path :
+       {"", "publishers", "publishers/p", "publishers/p/m", "publishers/p/m2", "publishers/p/pm",
+        "publishers/p/probe_types/type", "consumers", "consumers/k", "conduits", "conduits/local",
+        "methods", "methods/ClientCommandMethod", "methods/echo", "tree", "tree/a/b", "tree/a/b/c",
+        "peers", longName.c_str()}) {
     Collect(path);
   }
   m_handles.push_back(kClientCommandHandle);
