@@ -71,7 +71,7 @@ void CommitRecord(ProxyBuffer* buffer, const void* data, size_t size) {
   buffer->Commit(block);
 }
 
-// Reads `width` bytes at `offset` of the input, zero-filled past its end.
+// The Word at `offset` of the input, zero-filled past its end.
 template <typename Word>
 Word InputWord(const uint8_t* data, size_t size, size_t offset) {
   Word word = 0;
@@ -83,7 +83,7 @@ Word InputWord(const uint8_t* data, size_t size, size_t offset) {
 // Client command
 
 constexpr uint32_t kHandleMark = 0x4B544844;  // "KTHD" in a word's upper half
-constexpr char kNextRequest[] = "\xFE\xFFRQ";     // between two requests of one input
+constexpr char kNextRequest[] = "\xFE\xFFRQ";  // between two requests of one input
 constexpr int kMaxRequests = 16;
 
 void SubstituteHandles(uint8_t* data, size_t size, const std::vector<unsigned long>& handles) {
@@ -109,7 +109,7 @@ void DrainReplies(const IReadBuffer& reply) {
     const void* data = nullptr;
     unsigned long size = 0;
     reply.GetData(&data, &size);
-    if (data == nullptr) return;
+    if (data == nullptr) break;
     for (unsigned long i = 0; i < size; ++i) sum += static_cast<const uint8_t*>(data)[i];
     reply.MakeAvailable(data);
   }
