@@ -205,7 +205,10 @@ void Path::SetName(const char* name) {
     WriteGuard hold(m_parent->m_lock);
     if (!m_name.empty()) EraseIfTarget(m_parent->m_childrenByName, m_name, this, ~0u);
     m_parent->m_childrenByHandle.at(m_handle);  // a node its parent does not list throws
-    m_parent->m_childrenByName[name] = PathLink{PathLink::kOwned, this};
+    // No node is filed under the empty name, as NewChildLocked files none: the
+    // erasures above and in ~Path skip an unnamed node, so such an entry would
+    // outlive its node and a later lookup of "" would return freed memory.
+    if (*name != '\0') m_parent->m_childrenByName[name] = PathLink{PathLink::kOwned, this};
   }
   m_name = name;
 }

@@ -115,7 +115,7 @@ class ClientManagerProxy : public IClientManager {
   unsigned long m_transportConduit;
   unsigned long m_remoteConduit;
   std::string m_name;
-  unsigned long m_reserved[3];  // zeroed; not used by the operations
+  [[maybe_unused]] unsigned long m_reserved[3];  // zeroed; not used by the operations
 };
 
 }  // namespace MetricsFramework

@@ -203,6 +203,19 @@ TEST_F(PathTest, SetNameRefilesTheNodeUnderItsNewName) {
   EXPECT_EQ(registry.GetChild(node->GetHandle(), 0), node);
 }
 
+TEST_F(PathTest, ANodeRenamedToTheEmptyNameIsFoundByHandleOnlyAndLeavesNoEntryBehind) {
+  Path* node = Make("named");
+  const unsigned long handle = node->GetHandle();
+
+  node->SetName("");
+  EXPECT_EQ(registry.GetChildNamed("", 0), nullptr);
+  EXPECT_EQ(registry.GetChild(handle, 0), node);
+  node->SetName("again");
+  delete node;
+
+  EXPECT_EQ(registry.GetChildNamed("", 0), nullptr) << "no entry outlives its node";
+}
+
 TEST_F(PathTest, SetNameOfANodeItsParentDoesNotListThrowsAndReleasesTheLock) {
   Path* node = Make("stray");
   registry.DetachChild(node);
