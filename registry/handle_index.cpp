@@ -2,7 +2,7 @@
 
 #include <sys/mman.h>
 
-#include <cstdlib>
+#include <cstdint>
 #include <new>
 
 namespace MetricsFramework {
@@ -11,29 +11,25 @@ namespace {
 
 constexpr unsigned int kInitialBits = 6;
 constexpr size_t kHugePage = size_t{2} << 20;
-constexpr size_t kLine = 64;
 
 }  // namespace
 
-// Slots of `count` entries, all empty. A table of 2 MiB or more sits on huge
-// pages where the system allows it: resolutions land on random slots, and with
-// small pages nearly each one would also miss the address translation cache.
+// Slots of `count` entries, all empty. The 2 MiB-aligned stretches of a large
+// table go on huge pages where the system allows it: resolutions land on
+// random slots, and with small pages nearly each one would also miss the
+// address translation cache.
 HandleIndex::Slot* HandleIndex::AllocateSlots(size_t count) {
   const size_t bytes = count * sizeof(Slot);
-  void* memory = nullptr;
-  if (bytes >= kHugePage) {
-    memory = std::aligned_alloc(kHugePage, bytes);
-    if (memory != nullptr) madvise(memory, bytes, MADV_HUGEPAGE);  // a hint only
-  } else {
-    memory = std::aligned_alloc(kLine, bytes);
-  }
-  if (memory == nullptr) throw std::bad_alloc();
+  void* memory = ::operator new(bytes);
+  const uintptr_t begin = (reinterpret_cast<uintptr_t>(memory) + kHugePage - 1) & ~(kHugePage - 1);
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(memory) + bytes) & ~(kHugePage - 1);
+  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);  // a hint
   Slot* slots = static_cast<Slot*>(memory);
   for (size_t i = 0; i < count; ++i) new (&slots[i]) Slot{};
   return slots;
 }
 
-void HandleIndex::FreeSlots(Slot* slots) { std::free(slots); }
+void HandleIndex::FreeSlots(Slot* slots) { ::operator delete(slots); }
 
 HandleIndex::Table::Table(unsigned int bits)
     : shift(64 - bits),
