@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <stdexcept>
 
+#include "registry/handle_index.h"
 #include "registry/path_data.h"
 #include "registry/registry.h"
 
@@ -44,7 +45,7 @@ Path::~Path() {
   DestroyContents();
   if (m_parent == nullptr) return;
   WriteGuard hold(m_parent->m_lock);
-  EraseIfTarget(m_parent->m_childrenByHandle, m_handle, this, ~0u);
+  m_parent->EraseByHandle(m_handle, this, ~0u);
   if (!m_name.empty()) EraseIfTarget(m_parent->m_childrenByName, m_name, this, ~0u);
 }
 
@@ -93,7 +94,7 @@ void Path::DestroyContents() {
 void Path::ForgetChildEntry(unsigned long handle, Path* child) {
   // Compares the pointer only: an owned child is already freed here.
   WriteGuard hold(m_lock);
-  EraseIfTarget(m_childrenByHandle, handle, child, ~0u);
+  EraseByHandle(handle, child, ~0u);
 }
 
 Path* Path::GetChild(const char* path, unsigned char flags, const char** rest) {
@@ -184,14 +185,14 @@ Path* Path::NewChildLocked(unsigned long handle, const std::string& name, bool l
   child->m_registry = m_registry;
   child->m_handle = handle != 0 ? handle : CreateHandle(child);
   child->m_name = name;
-  m_childrenByHandle[child->m_handle] = PathLink{PathLink::kOwned, child};
+  FileByHandle(child->m_handle, PathLink{PathLink::kOwned, child});
   if (!name.empty()) m_childrenByName[name] = PathLink{PathLink::kOwned, child};
   return child;
 }
 
 void Path::RegisterHandle(Path* child) {
   if (m_registry == nullptr) return;
-  Path* handles = m_registry->GetChild("handles", 0);
+  Path* handles = static_cast<Registry*>(m_registry)->GetHandleBranch();
   if (handles == nullptr) return;
   if (handles->GetChild(child->m_handle, 0) != nullptr) {
     // Reported, and registered anyway: AddSymlink keeps the node filed first.
@@ -220,7 +221,7 @@ Path* Path::AddAliasSymlink(unsigned long handle, Path* target) {
     WriteGuard hold(m_lock);
     auto it = m_childrenByHandle.find(handle);
     if (it != m_childrenByHandle.end()) return it->second.target;
-    m_childrenByHandle[handle] = PathLink{PathLink::kSymlink, target};
+    FileByHandle(handle, PathLink{PathLink::kSymlink, target});
     if (!target->m_name.empty()) {
       // A link never shadows an owned child of the same name (a link named
       // "bindings" must not hide a metric's own "bindings").
@@ -255,7 +256,7 @@ bool Path::RemoveSymlink(unsigned long handle) {
     }
   }
   WriteGuard hold(m_lock);
-  EraseIfTarget(m_childrenByHandle, handle, target, PathLink::kSymlink);
+  EraseByHandle(handle, target, PathLink::kSymlink);
   if (!target->m_name.empty()) {
     EraseIfTarget(m_childrenByName, target->m_name, target, PathLink::kSymlink);
   }
@@ -265,11 +266,12 @@ bool Path::RemoveSymlink(unsigned long handle) {
 unsigned int Path::UnlinkTarget(Path* target, unsigned int expected) {
   WriteGuard hold(m_lock);
   unsigned int removed = 0;
-  if (EraseIfTarget(m_childrenByHandle, target->m_handle, target, PathLink::kSymlink)) ++removed;
+  if (EraseByHandle(target->m_handle, target, PathLink::kSymlink)) ++removed;
   // Links under other handles (aliases) are rare; only then is the map walked.
   if (removed < expected) {
     for (auto it = m_childrenByHandle.begin(); it != m_childrenByHandle.end();) {
       if (it->second.kind == PathLink::kSymlink && it->second.target == target) {
+        if (HandleIndex* index = MirrorIndex()) index->Erase(it->first);
         it = m_childrenByHandle.erase(it);
         ++removed;
       } else {
@@ -330,9 +332,24 @@ void Path::SetRootIdentity(unsigned long handle, const std::string& name) {
   m_listed = 1;
 }
 
+void Path::FileByHandle(unsigned long handle, const PathLink& link) {
+  m_childrenByHandle[handle] = link;
+  if (HandleIndex* index = MirrorIndex()) index->Set(handle, link.target);
+}
+
+bool Path::EraseByHandle(unsigned long handle, Path* target, unsigned int kind) {
+  if (!EraseIfTarget(m_childrenByHandle, handle, target, kind)) return false;
+  if (HandleIndex* index = MirrorIndex()) index->Erase(handle);
+  return true;
+}
+
+HandleIndex* Path::MirrorIndex() {
+  return m_registry != nullptr ? static_cast<Registry*>(m_registry)->IndexOf(this) : nullptr;
+}
+
 void Path::DetachChild(Path* child) {
   WriteGuard hold(m_lock);
-  EraseIfTarget(m_childrenByHandle, child->m_handle, child, ~0u);
+  EraseByHandle(child->m_handle, child, ~0u);
   if (!child->m_name.empty()) EraseIfTarget(m_childrenByName, child->m_name, child, ~0u);
 }
 

@@ -29,6 +29,7 @@
 
 namespace MetricsFramework {
 
+class HandleIndex;
 class Path;
 class PathData;
 
@@ -135,6 +136,15 @@ class Path {
   void RegisterHandle(Path* child);
   unsigned int UnlinkTarget(Path* target, unsigned int expected);
   void ForgetChildEntry(unsigned long handle, Path* child);
+
+  // Every change of the handle map goes through these two, under this node's
+  // write lock, so that the registry's index follows the map of "handles".
+  void FileByHandle(unsigned long handle, const PathLink& link);
+  // Erases the entry under `handle` when it designates `target` (with `kind`,
+  // unless kind is ~0u); returns whether it did.
+  bool EraseByHandle(unsigned long handle, Path* target, unsigned int kind);
+  // The registry's index when this node is its "handles", else null.
+  HandleIndex* MirrorIndex();
 
   std::string m_name;
   std::list<Path*> m_referrers;

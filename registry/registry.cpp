@@ -38,18 +38,25 @@ unsigned int ReadMacFold(const char* filename) {
   return FoldMacAddress(text);
 }
 
-Registry::Registry() : m_guid(0), m_notificationsEnabled(true) {
+Registry::Registry()
+    : m_guid(0), m_notificationsEnabled(true), m_handles(nullptr), m_handlesAttached(false) {
   const unsigned long guid = GetLocalGuid();
   SetRootIdentity(guid << 32, "root");
-  Path* handles = GetChild("handles", kPathCreate | kPathUnlisted | kPathNoHandleEntry);
-  handles->AddSymlink(this);
+  // Known as "handles" before anything is linked into it, so that the index
+  // sees every link.
+  m_handles = GetChild("handles", kPathCreate | kPathUnlisted | kPathNoHandleEntry);
+  m_handlesAttached.store(true, std::memory_order_relaxed);
+  m_handles->AddSymlink(this);
 }
 
 Registry::~Registry() {
   m_notificationsEnabled = false;
   // "handles" is detached and deliberately never freed, so that tearing the
   // tree down does not walk it; every node still unlinks itself from it.
-  if (Path* handles = GetChild("handles", 0)) DetachChild(handles);
+  // From here on no handle resolves and no new node is registered: payloads
+  // destroyed below find nothing by handle, as if "handles" were gone.
+  m_handlesAttached.store(false, std::memory_order_relaxed);
+  DetachChild(m_handles);
   m_listeners.clear();
   // The tree goes now, while the registry's own members are still alive for
   // payloads that look at them on their way out.
@@ -67,8 +74,8 @@ unsigned int Registry::GetLocalGuid() {
 }
 
 Path* Registry::ResolveHandle(unsigned long handle) {
-  Path* handles = GetChild("handles", 0);
-  return handles != nullptr ? handles->GetChild(handle, 0) : nullptr;
+  if (!m_handlesAttached.load(std::memory_order_relaxed)) return nullptr;
+  return m_handleIndex.Find(handle);
 }
 
 void Registry::AddStateListener(StateListener listener, void* context) {

@@ -4,10 +4,14 @@
 // handle it makes), the "handles" branch through which every registered handle
 // resolves in one step, and the table of state listeners. Building a Registry
 // names the root "root", gives it the handle GUID << 32, creates "handles"
-// (unlisted, not itself registered) and links the root into it.
+// (unlisted, not itself registered) and links the root into it. Every change of
+// the handle map of "handles" is mirrored in a HandleIndex, which is what
+// ResolveHandle reads.
 //
-// Threads: the tree locks itself (see Path). The listener table is read
-// without a lock, so listeners must be registered before extensions run.
+// Threads: the tree locks itself (see Path). ResolveHandle takes no node lock
+// and may run on any thread while others register and unregister handles. The
+// listener table is read without a lock, so listeners must be registered
+// before extensions run.
 // GetLocalGuid is not locked: two first calls compute and store the same value.
 #ifndef KT_REGISTRY_REGISTRY_H_
 #define KT_REGISTRY_REGISTRY_H_
@@ -15,6 +19,7 @@
 #include <atomic>
 #include <map>
 
+#include "registry/handle_index.h"
 #include "registry/path.h"
 
 namespace MetricsFramework {
@@ -48,8 +53,15 @@ class Registry : public Path {
     return static_cast<unsigned int>(handle >> 32);
   }
 
-  // Finds a registered node: the root's "handles", then the child `handle`.
+  // Finds a registered node: the child of "handles" filed under `handle`, or
+  // null. Null for every handle once ~Registry has detached "handles".
   Path* ResolveHandle(unsigned long handle);
+  // The "handles" branch, or null once ~Registry has detached it.
+  Path* GetHandleBranch() {
+    return m_handlesAttached.load(std::memory_order_relaxed) ? m_handles : nullptr;
+  }
+  // The index ResolveHandle reads; for tests and diagnostics.
+  const HandleIndex& GetHandleIndex() const { return m_handleIndex; }
 
   // Registers `listener` (one entry per callback; a second call replaces the
   // context) and removes it. Listeners are called as
@@ -61,9 +73,16 @@ class Registry : public Path {
   bool NotificationsEnabled() const { return m_notificationsEnabled; }
 
  private:
+  friend class Path;  // files the changes of "handles" in the index
+
+  HandleIndex* IndexOf(const Path* node) { return node == m_handles ? &m_handleIndex : nullptr; }
+
   std::atomic<unsigned int> m_guid;  // atomic: first calls may race, and agree
   std::map<StateListener, void*> m_listeners;
   bool m_notificationsEnabled;
+  Path* m_handles;  // set once; outlives the registry, detached and never freed
+  std::atomic<bool> m_handlesAttached;
+  HandleIndex m_handleIndex;
 };
 
 // The registry `node` belongs to; null for a node of a bare tree.

@@ -1,0 +1,170 @@
+#include "registry/handle_index.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <random>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "registry/path_data.h"
+#include "registry/registry.h"
+
+namespace MetricsFramework {
+namespace {
+
+// The index never looks at a node, so made-up pointers do.
+Path* Fake(unsigned long n) { return reinterpret_cast<Path*>(static_cast<uintptr_t>(16 * n + 16)); }
+
+TEST(HandleIndexTest, AgreesWithAMapThroughGrowthAndRemovals) {
+  struct Phase {
+    size_t keys;  // drawn from the first `keys` of the pool
+    unsigned int addsInFour;
+  };
+  // Few keys keep the first table busy, with runs that wrap past its end;
+  // then the count climbs past several doublings, and falls.
+  const Phase phases[] = {{47, 3}, {5000, 3}, {5000, 1}};
+  std::mt19937_64 random(7);
+  std::vector<unsigned long> pool{0};
+  while (pool.size() < 5000) pool.push_back(random());
+  HandleIndex index;
+  std::unordered_map<unsigned long, Path*> reference;
+  unsigned long step = 0;
+  for (const Phase& phase : phases) {
+    for (int n = 0; n < 20000; ++n, ++step) {
+      const unsigned long key = pool[random() % phase.keys];
+      if (random() % 4 < phase.addsInFour) {
+        index.Set(key, Fake(step));
+        reference[key] = Fake(step);
+      } else {
+        index.Erase(key);
+        reference.erase(key);
+      }
+      if (step % 1000 != 999) continue;
+      ASSERT_EQ(index.Size(), reference.size()) << step;
+      for (size_t k = 0; k < phase.keys; ++k) {
+        auto it = reference.find(pool[k]);
+        ASSERT_EQ(index.Find(pool[k]), it == reference.end() ? nullptr : it->second) << step;
+      }
+    }
+  }
+}
+
+class RegistryIndexTest : public ::testing::Test {
+ protected:
+  // Resolution through the index gives what a lookup in "handles" gives, for
+  // every handle ever made and for handles nobody made, and the index holds
+  // nothing the map does not.
+  void ExpectIndexMatchesTree() {
+    Path* handles = registry.GetHandleBranch();
+    size_t entries = 0;
+    handles->ForEachChild([&](Path*) { ++entries; });
+    EXPECT_EQ(registry.GetHandleIndex().Size(), entries);
+    for (unsigned long h : probes) {
+      for (unsigned long probe : {h, h ^ (1ul << 40)}) {  // and one of another registry
+        ASSERT_EQ(registry.ResolveHandle(probe), handles->GetChild(probe, 0)) << std::hex << probe;
+      }
+    }
+  }
+  Path* Make(Path* parent, unsigned long handle = 0) {
+    Path* node = parent->NewChild(handle, "", true, true);
+    probes.push_back(node->GetHandle());
+    return node;
+  }
+
+  Registry registry;
+  std::vector<unsigned long> probes{0, registry.GetHandle(), kClientCommandHandle};
+};
+
+TEST_F(RegistryIndexTest, FollowsTheHandlesMapThroughEveryChange) {
+  Path* many = registry.GetChild("many", kPathCreate);
+  Path* other = registry.GetChild("other", kPathCreate);
+  Path* handles = registry.GetHandleBranch();
+  std::vector<Path*> nodes;
+  const std::vector<std::function<void()>> steps = {
+      [&] { for (int i = 0; i < 3000; ++i) nodes.push_back(Make(many)); },  // several doublings
+      [&] { handles->AddAliasSymlink(kClientCommandHandle, nodes[1]); },
+      [&] { handles->AddAliasSymlink(nodes[2]->GetHandle(), nodes[3]); },  // taken: no change
+      [&] { Make(other, nodes[4]->GetHandle()); },                       // clash, first one stays
+      [&] { delete nodes[4]; },                   // its link goes; the clashing twin stays unfiled
+      [&] { Make(handles, 0x1234); },             // an owned child of "handles" itself
+      [&] { delete handles->GetChild(0x1234ul, 0); },
+      [&] { handles->RemoveSymlink(nodes[5]->GetHandle()); },
+      [&] { for (int i = 6; i < 3000; i += 2) delete nodes[i]; },
+      [&] { delete nodes[1]; },                   // both links, own and alias
+      [&] { delete many; },
+  };
+  for (size_t i = 0; i < steps.size(); ++i) {
+    steps[i]();
+    SCOPED_TRACE(i);
+    ExpectIndexMatchesTree();
+  }
+}
+
+TEST(RegistryIndexTeardownTest, PayloadsDestroyedInTeardownResolveNothing) {
+  static Path* resolved;
+  struct Resolver : PathData {
+    explicit Resolver(Path* path) : PathData(path) {}
+    // The node is still filed in "handles" while its payload goes.
+    ~Resolver() override { resolved = RegistryOf(m_path)->ResolveHandle(m_path->GetHandle()); }
+  };
+  auto* registry = new Registry;
+  Path* node = registry->GetChild("a", kPathCreate);
+  new Resolver(node);
+  ASSERT_EQ(registry->ResolveHandle(node->GetHandle()), node);
+  resolved = node;
+
+  delete registry;
+
+  EXPECT_EQ(resolved, nullptr);
+}
+
+TEST_F(RegistryIndexTest, ReadersResolveWhileAnotherThreadRegistersAndRemoves) {
+  constexpr int kStable = 300;
+  constexpr int kChurn = 4000;
+  Path* parent = registry.GetChild("p", kPathCreate);
+  std::vector<Path*> stable;
+  for (int i = 0; i < kStable; ++i) stable.push_back(Make(parent));
+  std::vector<std::atomic<Path*>> churn(kChurn);
+  std::vector<std::atomic<unsigned long>> churnHandles(kChurn);
+  std::atomic<int> started{0};
+  std::atomic<bool> done{false};
+  std::atomic<long> wrong{0};
+
+  auto reader = [&] {
+    started.fetch_add(1);
+    long mine = 0;
+    for (bool last = false; !last;) {
+      last = done.load();  // one whole pass after the writer finished
+      for (int i = 0; i < kStable; ++i) {
+        mine += registry.ResolveHandle(stable[i]->GetHandle()) != stable[i];
+      }
+      for (int i = 0; i < kChurn; ++i) {
+        Path* node = churn[i].load(std::memory_order_acquire);
+        if (node == nullptr) continue;
+        Path* found = registry.ResolveHandle(churnHandles[i].load());
+        mine += found != nullptr && found != node;
+      }
+    }
+    wrong += mine;
+  };
+  std::thread readers[] = {std::thread(reader), std::thread(reader)};
+  while (started.load() < 2) std::this_thread::yield();
+  for (int i = 0; i < kChurn; ++i) {  // grows the table under the readers
+    Path* node = parent->NewChild(0, "", true, true);
+    churnHandles[i].store(node->GetHandle());
+    churn[i].store(node, std::memory_order_release);
+  }
+  for (int i = 0; i < kChurn; ++i) delete churn[i].load();  // shifts the stable entries back
+  done.store(true);
+  for (std::thread& t : readers) t.join();
+
+  EXPECT_EQ(wrong.load(), 0);
+  ExpectIndexMatchesTree();
+}
+
+}  // namespace
+}  // namespace MetricsFramework
