@@ -163,12 +163,16 @@ KT_STATUS ClientManagerProxy::ForEachMetric(
     KT_STATUS (ClientManagerProxy::*operation)(unsigned long, unsigned long),
     unsigned long consumer, const unsigned long* metrics, unsigned int count,
     IClientManagerErrorListener* listener) {
+  // A batch of no metrics succeeds whatever its array; a batch without an
+  // array is refused before anything is sent.
+  if (count > 0 && metrics == nullptr) return KT_STATUS_INVALID_ARGUMENT;
   bool failed = false;
   for (unsigned int i = 0; i < count; ++i) {
     const KT_STATUS status = (this->*operation)(consumer, metrics[i]);
     if (status == KT_STATUS_SUCCESS) continue;
     failed = true;
-    listener->OnError(metrics[i], status);
+    // The listener is optional, as for every client manager.
+    if (listener != nullptr) listener->OnError(metrics[i], status);
   }
   return failed ? KT_STATUS_PARTIAL_FAILURE : KT_STATUS_SUCCESS;
 }

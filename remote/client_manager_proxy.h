@@ -69,8 +69,10 @@ class ClientManagerProxy : public IClientManager {
                                  IWriteBuffer* returns) override;
 
   // Answered here: SubscribeMetric (UnsubscribeMetric) for each of the
-  // `count` metrics in order, each failure told to `listener` (which must not
-  // be null when one fails). KT_STATUS_PARTIAL_FAILURE when any failed.
+  // `count` metrics in order, each failure told to `listener` (which may be
+  // null). KT_STATUS_PARTIAL_FAILURE when any failed; success for count 0;
+  // KT_STATUS_INVALID_ARGUMENT, with nothing sent, for a null `metrics` with a
+  // count above 0.
   KT_STATUS SubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
                              unsigned int count, IClientManagerErrorListener* listener) override;
   KT_STATUS UnsubscribeMetrics(unsigned long consumer, const unsigned long* metrics,

@@ -46,8 +46,8 @@ class ProxyBuffer : public QueueBuffer {
   // Op, a, then the length and bytes of the oldest record of `payload` (none
   // when it is null).
   ProxyBuffer(unsigned int op, unsigned long a, const IReadBuffer* payload);
-  // Op, a, then `text` cut at 4096 characters and a NUL. `text` must not be
-  // null.
+  // Op, a, then `text` cut at 4096 characters and a NUL. A null `text` is
+  // sent as the empty text.
   ProxyBuffer(unsigned int op, unsigned long a, const char* text);
   ~ProxyBuffer() override;
 

@@ -130,6 +130,8 @@ void QueueBuffer::Commit(void* data) {
 }
 
 void QueueBuffer::CommitTimeBasedMetric(void* data) {
+  // No block, no sample: consumers are never handed a null sample to read.
+  if (data == nullptr) return;
   if (conduitPath != nullptr) {
     if (auto* state = dynamic_cast<ConduitState*>(conduitPath->GetPayload())) {
       state->PushDataForTimeBasedMetric(bindingHandle, data);

@@ -49,6 +49,7 @@ class IClientManager : public IExtension {
  public:
   // Slot 0: answers "IClientManager" and "IExtension" with this object.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IClientManager") == 0) return static_cast<IClientManager*>(this);
     if (std::strcmp(name, "IExtension") == 0) return static_cast<IExtension*>(this);
     return nullptr;

@@ -21,6 +21,7 @@ class IConduit : public virtual IKTExtensionBase {
   // Slot 0: answers "IConduit" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IConduit") == 0) return static_cast<IConduit*>(this);
     return IKTExtensionBase::CastTo(name);
   }
