@@ -110,6 +110,10 @@ KT_STATUS ClientManagerProxy::GetMetricDescriptor(unsigned long metric,
   KT_STATUS status = reply.ReadBack(&size, sizeof(size));
   if (status != KT_STATUS_SUCCESS) return status;
   if (size == 0) return reply.ReadBack(nullptr, 0);
+  // The size is the peer's word: a blob larger than everything the reply
+  // holds cannot be in it, and is not allocated. Such a reply is no answer,
+  // as a resource record that cannot be decoded is none.
+  if (size > reply.QueuedBytes()) return KT_STATUS_INVALID_OPERATION;
   std::vector<unsigned char> blob(size, 0);
   // Intended as clients know it: the size record is not released first, so
   // this reads the oldest record again, and the blob arrives only from a

@@ -57,6 +57,8 @@ class ClientManagerProxy : public IClientManager {
   KT_STATUS GetResourceInfo(unsigned long handle, ResourceInfo* out) const override;
   // The status of the reply records alone (the transport status is not
   // looked at). The lists are appended to, the rest overwritten.
+  // KT_STATUS_INVALID_OPERATION, with nothing allocated or written, when the
+  // reply claims a blob larger than the reply holds.
   KT_STATUS GetMetricDescriptor(unsigned long metric, Metric::Description* out_desc) const override;
   // Subscriptions are filed by the peer under remoteConduit.
   KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) override;

@@ -253,4 +253,11 @@ unsigned int ProxyBuffer::ReadBack(void* out, unsigned int outSize) const {
   return status;
 }
 
+unsigned long ProxyBuffer::QueuedBytes() const {
+  ReadGuard hold(sizes);
+  unsigned long total = 0;
+  for (const auto& entry : sizes.map) total += entry.second;
+  return total;
+}
+
 }  // namespace MetricsFramework

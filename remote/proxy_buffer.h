@@ -87,6 +87,9 @@ class ProxyBuffer : public QueueBuffer {
   // `out` when it fits in `outSize` bytes (zero-filled when it does not).
   // KT_STATUS_INVALID_OPERATION when there is no reply record.
   unsigned int ReadBack(void* out, unsigned int outSize) const;
+  // The bytes of every record queued here, status words included: a bound on
+  // any size a reply claims for itself.
+  unsigned long QueuedBytes() const;
 };
 
 }  // namespace MetricsFramework

@@ -50,6 +50,17 @@ std::string Bytes(const T& value) {
 }
 std::string Op(unsigned int op) { return Bytes(op); }
 
+// A transport whose far side answers every request with one record claiming a
+// blob of `claimed` bytes.
+class ForgingConduit : public FakeConduit {
+ public:
+  KT_STATUS Transact(unsigned long, const IReadBuffer*, IWriteBuffer* reply) override {
+    ProxyBuffer::Write(reply, KT_STATUS_SUCCESS, &claimed, sizeof claimed);
+    return KT_STATUS_SUCCESS;
+  }
+  unsigned int claimed = 0xFFFFFFFFu;
+};
+
 class RemoteBadInputTest : public ::testing::Test {
  protected:
   RemoteBadInputTest() {
@@ -143,6 +154,17 @@ TEST_F(RemoteBadInputTest, ProxyPassesThePeersRefusalsBackAndRefusesWhatItCannot
   });
   EXPECT_EQ(out, 0u);
   EXPECT_EQ(children[0], 0u);
+}
+
+TEST_F(RemoteBadInputTest, ProxyRefusesADescriptorReplyClaimingMoreThanItHolds) {
+  ForgingConduit liar;
+  ASSERT_EQ(host.Add("liar", &liar), KT_STATUS_SUCCESS);
+  ClientManagerProxy forged(1, 2, "peer", host.client.get(), liar.GetHandle(), 0);
+  Metric::Description desc;
+  desc.uri = "kept";
+  EXPECT_EQ(forged.GetMetricDescriptor(metric, &desc), KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(desc.uri, "kept");
+  host.manager.Remove(ExtensionBinaryDesc{}, "liar", &liar, &host.loader);
 }
 
 TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownRequests) {
