@@ -46,6 +46,9 @@ bool KTSetCurrentThreadPriority(int priority) {
 }
 
 int sdl_sscanf(const char* str, const char* format, ...) {
+  // A missing text or format is an input that ends before anything matched:
+  // EOF, as for an empty text, and no argument is touched.
+  if (str == nullptr || format == nullptr) return EOF;
   va_list args;
   va_start(args, format);
   const int result = vsscanf(str, format, args);

@@ -110,6 +110,10 @@ KT_STATUS ClientManagerProxy::GetMetricDescriptor(unsigned long metric,
   KT_STATUS status = reply.ReadBack(&size, sizeof(size));
   if (status != KT_STATUS_SUCCESS) return status;
   if (size == 0) return reply.ReadBack(nullptr, 0);
+  // The size is the peer's word: a blob larger than everything the reply
+  // holds cannot be in it, and is not allocated. Such a reply is no answer,
+  // as a resource record that cannot be decoded is none.
+  if (size > reply.QueuedBytes()) return KT_STATUS_INVALID_OPERATION;
   std::vector<unsigned char> blob(size, 0);
   // Intended as clients know it: the size record is not released first, so
   // this reads the oldest record again, and the blob arrives only from a
@@ -163,12 +167,16 @@ KT_STATUS ClientManagerProxy::ForEachMetric(
     KT_STATUS (ClientManagerProxy::*operation)(unsigned long, unsigned long),
     unsigned long consumer, const unsigned long* metrics, unsigned int count,
     IClientManagerErrorListener* listener) {
+  // A batch of no metrics succeeds whatever its array; a batch without an
+  // array is refused before anything is sent.
+  if (count > 0 && metrics == nullptr) return KT_STATUS_INVALID_ARGUMENT;
   bool failed = false;
   for (unsigned int i = 0; i < count; ++i) {
     const KT_STATUS status = (this->*operation)(consumer, metrics[i]);
     if (status == KT_STATUS_SUCCESS) continue;
     failed = true;
-    listener->OnError(metrics[i], status);
+    // The listener is optional, as for every client manager.
+    if (listener != nullptr) listener->OnError(metrics[i], status);
   }
   return failed ? KT_STATUS_PARTIAL_FAILURE : KT_STATUS_SUCCESS;
 }

@@ -57,6 +57,8 @@ class ClientManagerProxy : public IClientManager {
   KT_STATUS GetResourceInfo(unsigned long handle, ResourceInfo* out) const override;
   // The status of the reply records alone (the transport status is not
   // looked at). The lists are appended to, the rest overwritten.
+  // KT_STATUS_INVALID_OPERATION, with nothing allocated or written, when the
+  // reply claims a blob larger than the reply holds.
   KT_STATUS GetMetricDescriptor(unsigned long metric, Metric::Description* out_desc) const override;
   // Subscriptions are filed by the peer under remoteConduit.
   KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) override;
@@ -69,8 +71,10 @@ class ClientManagerProxy : public IClientManager {
                                  IWriteBuffer* returns) override;
 
   // Answered here: SubscribeMetric (UnsubscribeMetric) for each of the
-  // `count` metrics in order, each failure told to `listener` (which must not
-  // be null when one fails). KT_STATUS_PARTIAL_FAILURE when any failed.
+  // `count` metrics in order, each failure told to `listener` (which may be
+  // null). KT_STATUS_PARTIAL_FAILURE when any failed; success for count 0;
+  // KT_STATUS_INVALID_ARGUMENT, with nothing sent, for a null `metrics` with a
+  // count above 0.
   KT_STATUS SubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
                              unsigned int count, IClientManagerErrorListener* listener) override;
   KT_STATUS UnsubscribeMetrics(unsigned long consumer, const unsigned long* metrics,

@@ -38,6 +38,12 @@ unsigned long ReadU64(const unsigned char* record, unsigned long size, unsigned 
   return value;
 }
 
+// The length a text request carries: at most 4096 characters, and none for a
+// null text, which is sent as the empty one rather than read.
+unsigned long TextLength(const char* text) {
+  return text != nullptr ? strnlen(text, kMaxText) : 0;
+}
+
 // Reserves `size` bytes of `buffer` and writes the op word and `a` into them.
 unsigned char* BeginRequest(IWriteBuffer* buffer, unsigned long size, unsigned int op,
                             unsigned long a) {
@@ -96,10 +102,10 @@ ProxyBuffer::ProxyBuffer(unsigned int op, unsigned long a, const IReadBuffer* pa
 }
 
 ProxyBuffer::ProxyBuffer(unsigned int op, unsigned long a, const char* text)
-    : QueueBuffer(static_cast<unsigned int>(strnlen(text, kMaxText)) + 13, nullptr, 0, 0, 0) {
-  unsigned long length = strnlen(text, kMaxText);
+    : QueueBuffer(static_cast<unsigned int>(TextLength(text)) + 13, nullptr, 0, 0, 0) {
+  const unsigned long length = TextLength(text);
   unsigned char* record = BeginRequest(this, length + 13, op, a);
-  std::memcpy(record + kHeaderSize, text, length);
+  if (length > 0) std::memcpy(record + kHeaderSize, text, length);
   record[kHeaderSize + length] = 0;
   Commit(record);
 }
@@ -245,6 +251,13 @@ unsigned int ProxyBuffer::ReadBack(void* out, unsigned int outSize) const {
     std::memset(out, 0, outSize);
   }
   return status;
+}
+
+unsigned long ProxyBuffer::QueuedBytes() const {
+  ReadGuard hold(sizes);
+  unsigned long total = 0;
+  for (const auto& entry : sizes.map) total += entry.second;
+  return total;
 }
 
 }  // namespace MetricsFramework

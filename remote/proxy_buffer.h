@@ -46,8 +46,8 @@ class ProxyBuffer : public QueueBuffer {
   // Op, a, then the length and bytes of the oldest record of `payload` (none
   // when it is null).
   ProxyBuffer(unsigned int op, unsigned long a, const IReadBuffer* payload);
-  // Op, a, then `text` cut at 4096 characters and a NUL. `text` must not be
-  // null.
+  // Op, a, then `text` cut at 4096 characters and a NUL. A null `text` is
+  // sent as the empty text.
   ProxyBuffer(unsigned int op, unsigned long a, const char* text);
   ~ProxyBuffer() override;
 
@@ -87,6 +87,9 @@ class ProxyBuffer : public QueueBuffer {
   // `out` when it fits in `outSize` bytes (zero-filled when it does not).
   // KT_STATUS_INVALID_OPERATION when there is no reply record.
   unsigned int ReadBack(void* out, unsigned int outSize) const;
+  // The bytes of every record queued here, status words included: a bound on
+  // any size a reply claims for itself.
+  unsigned long QueuedBytes() const;
 };
 
 }  // namespace MetricsFramework

@@ -1,5 +1,6 @@
 #include "transport/local_conduit.h"
 
+#include <algorithm>
 #include <memory>
 #include <vector>
 
@@ -50,7 +51,13 @@ KT_STATUS LocalConduit::CreateBuffer(unsigned long bindingHandle, IReadWriteBuff
 void LocalConduit::DestroyBuffer(IReadWriteBuffer* buffer) {
   if (buffer == nullptr) return;  // would otherwise be handed out as a buffer
   std::lock_guard<std::mutex> hold(poolMutex);
-  liveBuffers.erase(buffer);
+  // A buffer that is neither lent nor pooled was not made here. Taken into
+  // the pool it would be lent out as one of ours and freed with the conduit,
+  // a second time if its owner frees it too, so it is left alone.
+  if (liveBuffers.erase(buffer) == 0 &&
+      std::find(freeBuffers.begin(), freeBuffers.end(), buffer) == freeBuffers.end()) {
+    return;
+  }
   freeBuffers.push_back(buffer);
 }
 

@@ -40,8 +40,9 @@ class LocalConduit : public IConduit {
   // KT_STATUS_SUCCESS (allocation failure throws std::bad_alloc).
   KT_STATUS CreateBuffer(unsigned long bindingHandle, IReadWriteBuffer** outBuffer) override;
   // Returns `buffer` to the back of the pool. It keeps its data and binding
-  // until it is handed out again. Foreign or duplicate pointers are not
-  // detected: they join the pool.
+  // until it is handed out again. A duplicate of a pooled buffer is not
+  // detected: it joins the pool again. A buffer this conduit did not make (or
+  // null) is ignored.
   void DestroyBuffer(IReadWriteBuffer* buffer) override;
   // Runs the method `methodHandle` through the manager's dispatcher and
   // returns its status; KT_STATUS_INVALID_OPERATION while the conduit has not

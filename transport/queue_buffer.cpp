@@ -157,6 +157,8 @@ void QueueBuffer::Commit(void* data) {
 }
 
 void QueueBuffer::CommitTimeBasedMetric(void* data) {
+  // No block, no sample: consumers are never handed a null sample to read.
+  if (data == nullptr) return;
   if (ConduitState* state = RoutedState()) {
     state->PushDataForTimeBasedMetric(bindingHandle, data);
   } else if (conduitPath != nullptr) {

@@ -122,7 +122,7 @@ class QueueBuffer : public IReadWriteBuffer {
   // queued) and, with kPushOnCommit, pushes. Unknown pointers are ignored.
   void Commit(void* data) override;
   // Hands the block straight to the consumers of the conduit's state, without
-  // queueing it, then releases it.
+  // queueing it, then releases it. A null block is ignored.
   void CommitTimeBasedMetric(void* data) override;
   // Without kPushOnCommit, pushes until the queue is empty or a push fails to
   // take the oldest block; with it, does nothing (every Commit has pushed).

@@ -21,6 +21,7 @@ class IConduit : public virtual IKTExtensionBase {
   // Slot 0: answers "IConduit" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IConduit") == 0) return static_cast<IConduit*>(this);
     return IKTExtensionBase::CastTo(name);
   }
@@ -29,9 +30,11 @@ class IConduit : public virtual IKTExtensionBase {
   // Slot 2: a subscription through this conduit ended.
   virtual void OnUnsubscribed(unsigned long handle) = 0;
   // Slot 3: lends a buffer to the binding `bindingHandle`; stores it in
-  // *outBuffer and returns KT_STATUS_SUCCESS.
+  // *outBuffer and returns KT_STATUS_SUCCESS. The library's conduit answers
+  // KT_STATUS_INVALID_ARGUMENT for a null `outBuffer`.
   virtual KT_STATUS CreateBuffer(unsigned long bindingHandle, IReadWriteBuffer** outBuffer) = 0;
-  // Slot 4: takes back a buffer made by CreateBuffer.
+  // Slot 4: takes back a buffer made by CreateBuffer. The library's conduit
+  // ignores null and buffers it did not make.
   virtual void DestroyBuffer(IReadWriteBuffer* buffer) = 0;
   // Slot 5: runs the remote method `methodHandle` with `request`; its results
   // are in `reply` when this returns.

@@ -22,6 +22,7 @@ class IConsumer : public virtual IKTExtensionBase {
   // Slot 0: answers "IConsumer" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IConsumer") == 0) return static_cast<IConsumer*>(this);
     return IKTExtensionBase::CastTo(name);
   }
@@ -36,6 +37,7 @@ class IConsumer : public virtual IKTExtensionBase {
 class IConsumer2 : public IConsumer {
  public:
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IConsumer2") == 0) return static_cast<IConsumer2*>(this);
     return IConsumer::CastTo(name);
   }

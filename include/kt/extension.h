@@ -6,7 +6,7 @@
 // Interfaces are asked for by name: CastTo("IConsumer") answers a pointer to
 // that face of the object, or null. Every extension answers its own interface
 // names first and then "IKTExtensionBase" and "IExtension". Names are compared
-// exactly, case included.
+// exactly, case included; a null name is no name and answers null.
 //
 // IKTExtensionBase records what the extension manager hands an extension when
 // it files it: the manager, the client manager, the extension's registry handle
@@ -34,7 +34,8 @@ class IExtensionLoader;
 
 class IExtension {
  public:
-  // Slot 0: the face named `name`, or null when the object has none.
+  // Slot 0: the face named `name`, or null when the object has none or
+  // `name` is null.
   virtual void* CastTo(const char* name) = 0;
   virtual ~IExtension() {}  // slots 1, 2
 };
@@ -60,6 +61,7 @@ class IKTExtensionBase : public IExtension {
 
   // Slot 0: answers "IKTExtensionBase" and "IExtension" with this object.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IKTExtensionBase") == 0) return static_cast<IKTExtensionBase*>(this);
     if (std::strcmp(name, "IExtension") == 0) return static_cast<IExtension*>(this);
     return nullptr;

@@ -18,6 +18,7 @@ class ILogger : public virtual IKTExtensionBase {
   // Slot 0: answers "ILogger" with this object and "IKTExtensionBase" and
   // "IExtension" with its extension base.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "ILogger") == 0) return static_cast<ILogger*>(this);
     return IKTExtensionBase::CastTo(name);
   }

@@ -38,7 +38,8 @@ _Bool KTSetCurrentThreadPriority(int priority);
 #endif
 
 // Formatted scan: forwards to vsscanf and returns its result (the number of
-// items assigned, or EOF).
+// items assigned, or EOF). A null `str` or `format` scans nothing and returns
+// EOF; no argument is written.
 int sdl_sscanf(const char* str, const char* format, ...);
 
 #ifdef __cplusplus

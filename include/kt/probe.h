@@ -44,6 +44,7 @@ class IProbe {
 class IProbePublisher : public IPublisher {
  public:
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IProbePublisher") == 0) return static_cast<IProbePublisher*>(this);
     return IPublisher::CastTo(name);
   }

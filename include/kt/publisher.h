@@ -49,6 +49,7 @@ class IPublisher : public virtual IKTExtensionBase {
   // Slot 0: answers "IPublisher" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IPublisher") == 0) return static_cast<IPublisher*>(this);
     return IKTExtensionBase::CastTo(name);
   }

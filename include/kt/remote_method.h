@@ -45,6 +45,7 @@ class IRemoteMethod : public virtual IKTExtensionBase {
   // Slot 0: answers "IRemoteMethod" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base, and null for any other name.
   void* CastTo(const char* name) override {
+    if (name == nullptr) return nullptr;
     if (std::strcmp(name, "IRemoteMethod") == 0) return static_cast<IRemoteMethod*>(this);
     return IKTExtensionBase::CastTo(name);
   }

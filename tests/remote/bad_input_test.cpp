@@ -1,0 +1,225 @@
+// Bad input at the remote entries: the client manager proxy's slots, the
+// client command method's Run with truncated, oversize and unknown requests,
+// and the proxy buffer's text request. The proxy here talks to this process's
+// own command method, so every refusal comes back through the protocol
+// (docs/bad_input.md).
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "remote/client_manager_proxy.h"
+#include "remote/proxy_buffer.h"
+#include "state/state_fakes.h"
+#include "support/live_manager.h"
+#include "transport/queue_buffer.h"
+
+namespace MetricsFramework {
+namespace {
+
+using namespace testing_fakes;
+
+struct Case {
+  const char* entry;
+  std::function<KT_STATUS()> call;
+  KT_STATUS status;
+};
+
+// The argument a refusal names stays with the serving side: through the
+// protocol only the status arrives.
+void ExpectStatuses(const std::vector<Case>& cases) {
+  for (const Case& c : cases) EXPECT_EQ(c.call(), c.status) << c.entry;
+}
+
+// A buffer holding one committed record of `bytes`.
+class Record : public QueueBuffer {
+ public:
+  explicit Record(const std::string& bytes) : QueueBuffer(0, nullptr, 0, 0, 0) {
+    void* block = Reserve(bytes.size());
+    std::memcpy(block, bytes.data(), bytes.size());
+    Commit(block);
+  }
+};
+
+template <typename T>
+std::string Bytes(const T& value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+}
+std::string Op(unsigned int op) { return Bytes(op); }
+
+// A transport whose far side answers every request with one record claiming a
+// blob of `claimed` bytes.
+class ForgingConduit : public FakeConduit {
+ public:
+  KT_STATUS Transact(unsigned long, const IReadBuffer*, IWriteBuffer* reply) override {
+    ProxyBuffer::Write(reply, KT_STATUS_SUCCESS, &claimed, sizeof claimed);
+    return KT_STATUS_SUCCESS;
+  }
+  unsigned int claimed = 0xFFFFFFFFu;
+};
+
+class RemoteBadInputTest : public ::testing::Test {
+ protected:
+  RemoteBadInputTest() {
+    EXPECT_EQ(host.Add("ClientCommandMethod", &host.command), KT_STATUS_SUCCESS);
+    EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
+    EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
+    Metric::Description desc;
+    desc.uri = "m";
+    EXPECT_EQ(host.manager.PublishMetric(&publisher, desc, &metric), KT_STATUS_SUCCESS);
+    transport = host.client->GetConduitHandle(0, 0);
+    proxy = std::make_unique<ClientManagerProxy>(1, 2, "peer", host.client.get(), transport,
+                                                 transport);
+  }
+
+  // Runs `request` through the command method; Run's answer, and the status
+  // of the first reply record (KT_STATUS_INVALID_OPERATION when none).
+  std::pair<bool, KT_STATUS> Serve(const std::string& request) {
+    Record in(request);
+    ProxyBuffer reply;
+    const bool ran = host.command.Run(&in, &reply);
+    return {ran, reply.ReadBack(nullptr, 0)};
+  }
+
+  FakePublisher publisher;
+  RecordingConsumer consumer;
+  LiveManager host;
+  unsigned long metric = 0, transport = 0;
+  std::unique_ptr<ClientManagerProxy> proxy;
+};
+
+// A forwarded operation that the peer refuses also fails the peer's method
+// run, so its transport status (KT_STATUS_INVALID_OPERATION) is OR'ed into
+// the peer's status, as the protocol combines them.
+constexpr KT_STATUS kRunFailed = KT_STATUS_INVALID_OPERATION;
+
+TEST_F(RemoteBadInputTest, ProxyPassesThePeersRefusalsBackAndRefusesWhatItCannotSend) {
+  ClientManagerProxy& p = *proxy;
+  ClientManagerProxy unwired(1, 2, "peer", nullptr, transport, transport);
+  ClientManagerProxy noConduit(1, 2, "peer", host.client.get(), transport, 0);
+  const unsigned long unknown = host.UnknownHandle(), con = consumer.GetHandle();
+  const unsigned long batch[] = {0, unknown};
+  unsigned long out = 0, children[2] = {};
+  unsigned int count = 0;
+  ResourceInfo info;
+  Metric::Description desc;
+  QueueBuffer args(0, nullptr, 0, 0, 0), returns(0, nullptr, 0, 0, 0);
+  ExpectStatuses({
+      {"unwired proxy, no reply", [&] { return unwired.GetChildCount(0, &count); },
+       KT_STATUS_INVALID_OBJECT | kRunFailed},
+      {"GetPath null path", [&] { return p.GetPath(0, nullptr, &out); },
+       KT_STATUS_INVALID_ARGUMENT},
+      {"GetPath null out", [&] { return p.GetPath(0, "publishers", nullptr); },
+       KT_STATUS_SUCCESS},
+      {"GetChildCount unknown", [&] { return p.GetChildCount(unknown, &count); },
+       KT_STATUS_INVALID_OBJECT | kRunFailed},
+      {"GetChildren oversize count", [&] { return p.GetChildren(0, children, UINT_MAX); },
+       KT_STATUS_INVALID_SIZE | kRunFailed},
+      {"GetChildren null out", [&] { return p.GetChildren(0, nullptr, 1); },
+       KT_STATUS_SUCCESS},
+      {"GetResourceInfo unknown", [&] { return p.GetResourceInfo(unknown, &info); },
+       KT_STATUS_INVALID_OBJECT | kRunFailed},
+      {"GetResourceInfo null out", [&] { return p.GetResourceInfo(0, nullptr); },
+       KT_STATUS_SUCCESS},
+      {"GetMetricDescriptor consumer", [&] { return p.GetMetricDescriptor(con, &desc); },
+       KT_STATUS_INVALID_OBJECT},
+      {"GetMetricDescriptor null out", [&] { return p.GetMetricDescriptor(metric, nullptr); },
+       KT_STATUS_SUCCESS},
+      {"Subscribe zero consumer", [&] { return p.SubscribeMetric(0, metric); },
+       KT_STATUS_INVALID_ARGUMENT | kRunFailed},
+      {"Subscribe zero metric", [&] { return p.SubscribeMetric(con, 0); },
+       KT_STATUS_INVALID_ARGUMENT | kRunFailed},
+      {"Unsubscribe never bound", [&] { return p.UnsubscribeMetric(con, unknown); },
+       KT_STATUS_DOES_NOT_EXIST | kRunFailed},
+      {"Flush without a remote conduit", [&] { return noConduit.FlushMetrics(con); },
+       KT_STATUS_INVALID_ARGUMENT | kRunFailed},
+      {"SubscribeMetrics null array", [&] { return p.SubscribeMetrics(con, nullptr, 2, nullptr); },
+       KT_STATUS_INVALID_ARGUMENT},
+      {"SubscribeMetrics none", [&] { return p.SubscribeMetrics(con, nullptr, 0, nullptr); },
+       KT_STATUS_SUCCESS},
+      {"UnsubscribeMetrics null listener",
+       [&] { return p.UnsubscribeMetrics(con, batch, 2, nullptr); }, KT_STATUS_PARTIAL_FAILURE},
+      {"Call null returns", [&] { return p.CallRemoteMethodSync(metric, &args, nullptr); },
+       KT_STATUS_INVALID_ARGUMENT},
+      {"Call zero", [&] { return p.CallRemoteMethodSync(0, &args, &returns); },
+       KT_STATUS_INVALID_OPERATION},
+      {"Call null args", [&] { return p.CallRemoteMethodSync(unknown, nullptr, &returns); },
+       KT_STATUS_INVALID_OPERATION},
+      {"CreateProbe", [&] { return p.CreateProbe(0, nullptr, nullptr); },
+       KT_STATUS_INVALID_OPERATION},
+      {"DestroyProbe", [&] { return p.DestroyProbe(0); }, KT_STATUS_INVALID_OPERATION},
+  });
+  EXPECT_EQ(out, 0u);
+  EXPECT_EQ(children[0], 0u);
+}
+
+TEST_F(RemoteBadInputTest, ProxyRefusesADescriptorReplyClaimingMoreThanItHolds) {
+  ForgingConduit liar;
+  ASSERT_EQ(host.Add("liar", &liar), KT_STATUS_SUCCESS);
+  ClientManagerProxy forged(1, 2, "peer", host.client.get(), liar.GetHandle(), 0);
+  Metric::Description desc;
+  desc.uri = "kept";
+  EXPECT_EQ(forged.GetMetricDescriptor(metric, &desc), KT_STATUS_INVALID_OPERATION);
+  EXPECT_EQ(desc.uri, "kept");
+  host.manager.Remove(ExtensionBinaryDesc{}, "liar", &liar, &host.loader);
+}
+
+TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownRequests) {
+  const std::string op9 = Op(kOpCallRemoteMethod) + Bytes(metric);
+  struct Request {
+    const char* what;
+    std::string bytes;
+    bool ran;
+    KT_STATUS reply;  // KT_STATUS_INVALID_OPERATION: no reply record
+  };
+  const Request requests[] = {
+      {"empty record", "", false, KT_STATUS_INVALID_OPERATION},
+      {"two bytes", "\x01\x00", false, KT_STATUS_INVALID_OPERATION},
+      {"op 0", Op(0), false, KT_STATUS_INVALID_OPERATION},
+      {"op 10", Op(10), false, KT_STATUS_INVALID_OPERATION},
+      {"GetPath without text", Op(kOpGetPath), true, KT_STATUS_SUCCESS},
+      {"GetPath unterminated", Op(kOpGetPath) + Bytes(0ul) + "publishers", true,
+       KT_STATUS_SUCCESS},
+      {"GetChildCount truncated", Op(kOpGetChildCount), true, KT_STATUS_SUCCESS},
+      {"GetChildren oversize", Op(kOpGetChildren) + Bytes(0ul) + Bytes(UINT_MAX), false,
+       KT_STATUS_INVALID_SIZE},
+      {"GetResourceInfo truncated", Op(kOpGetResourceInfo), true, KT_STATUS_SUCCESS},
+      {"GetMetricDescriptor truncated", Op(kOpGetMetricDescriptor), false,
+       KT_STATUS_INVALID_OBJECT},
+      {"Subscribe truncated", Op(kOpSubscribeMetric) + Bytes(1ul), false,
+       KT_STATUS_INVALID_ARGUMENT},
+      {"Unsubscribe truncated", Op(kOpUnsubscribeMetric), false, KT_STATUS_INVALID_ARGUMENT},
+      {"Flush truncated", Op(kOpFlushMetrics), false, KT_STATUS_INVALID_ARGUMENT},
+      {"Call truncated", Op(kOpCallRemoteMethod), false, KT_STATUS_INVALID_OPERATION},
+      {"Call payload past the record", op9 + Bytes(64ul) + "abc", false,
+       KT_STATUS_INVALID_OPERATION},
+      {"Call payload of 2^63 bytes", op9 + Bytes(1ul << 63), false, KT_STATUS_INVALID_OPERATION},
+  };
+  for (const Request& r : requests) {
+    const std::pair<bool, KT_STATUS> answer = Serve(r.bytes);
+    EXPECT_EQ(answer.first, r.ran) << r.what;
+    EXPECT_EQ(answer.second, r.reply) << r.what;
+  }
+  ProxyBuffer reply;
+  Record request(Op(kOpGetChildCount));
+  LoadedCommandMethod unloaded;
+  EXPECT_FALSE(host.command.Run(nullptr, &reply));
+  EXPECT_FALSE(host.command.Run(&request, nullptr));
+  EXPECT_FALSE(unloaded.Run(&request, &reply));  // no client manager to serve it
+  EXPECT_EQ(reply.ReadBack(nullptr, 0), KT_STATUS_INVALID_OPERATION);
+}
+
+TEST(ProxyBufferBadInputTest, NullTextIsSentAsTheEmptyText) {
+  const ProxyBuffer request(kOpGetPath, 5, static_cast<const char*>(nullptr));
+  unsigned long start = 0;
+  const char* text = nullptr;
+  ASSERT_TRUE(request.Read(start, &text));
+  EXPECT_EQ(start, 5u);
+  EXPECT_STREQ(text, "");
+}
+
+}  // namespace
+}  // namespace MetricsFramework
