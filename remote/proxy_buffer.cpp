@@ -254,9 +254,9 @@ unsigned int ProxyBuffer::ReadBack(void* out, unsigned int outSize) const {
 }
 
 unsigned long ProxyBuffer::QueuedBytes() const {
-  ReadGuard hold(sizes);
+  ReadGuard hold(committedLock);
   unsigned long total = 0;
-  for (const auto& entry : sizes.map) total += entry.second;
+  for (std::size_t i = 0; i < committed.Size(); ++i) total += committed[i].size;
   return total;
 }
 
