@@ -23,20 +23,7 @@ namespace {
 
 using namespace testing_fakes;
 
-struct Case {
-  const char* entry;
-  std::function<KT_STATUS()> call;
-  KT_STATUS status;
-  const char* argument;  // "(none)" when the refusal names no argument
-};
-
-void ExpectRefusals(const std::vector<Case>& cases) {
-  for (const Case& c : cases) {
-    Refusal();  // forget what came before
-    EXPECT_EQ(c.call(), c.status) << c.entry;
-    EXPECT_EQ(Refusal(), c.argument) << c.entry;
-  }
-}
+using Case = RefusalCase;
 
 class RolelessExtension : public IKTExtensionBase {};
 

@@ -27,6 +27,7 @@
 #include "state/consumer_state.h"
 #include "state/peer_state.h"
 #include "state/state_fakes.h"
+#include "support/live_manager.h"
 #include "support/stub_loader.h"
 #include "transport/queue_buffer.h"
 
@@ -35,34 +36,9 @@ namespace {
 
 using namespace testing_fakes;
 
-// Files what the library asks to file with its manager, as a host does.
-class HostLoader : public StubLoader {
- public:
-  explicit HostLoader(DefaultExtensionManager& manager) : manager(manager) {}
-  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
-                         const ExtensionBinaryDesc*) override {
-    names[extension] = name;
-    return manager.Add(ExtensionBinaryDesc{}, name, extension, this);
-  }
-  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
-    const std::string name = names[extension];
-    names.erase(extension);
-    return manager.Remove(ExtensionBinaryDesc{}, name.c_str(), extension, this);
-  }
-  DefaultExtensionManager& manager;
-  std::map<IKTExtensionBase*, std::string> names;
-};
-
 // A manager made by the export table hands its client manager to every
 // extension it loads; these are built directly, so A's method is handed A's.
-class ServedCommandMethod : public ClientCommandMethod {
- public:
-  void Load(IExtensionManager* manager, IClientManager*, unsigned long handle,
-            IExtensionLoader* loader) override {
-    ClientCommandMethod::Load(manager, client, handle, loader);
-  }
-  IClientManager* client = nullptr;
-};
+using ServedCommandMethod = LoadedCommandMethod;
 
 // A conduit of B whose transactions cross into A's manager. It notes the op
 // and first value of every request; `lost` makes it drop them with that

@@ -7,9 +7,13 @@
 #ifndef KT_TESTS_SUPPORT_LIVE_MANAGER_H_
 #define KT_TESTS_SUPPORT_LIVE_MANAGER_H_
 
+#include <gtest/gtest.h>
+
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "client/default_client_manager.h"
 #include "host/default_extension_manager.h"
@@ -71,6 +75,24 @@ struct LiveManager {
 inline std::string Refusal() {
   const char* argument = TakeLastFailureArgument();
   return argument != nullptr ? argument : "(none)";
+}
+
+// One row of a table of refusals: the entry called, the call, the status it
+// must return and the argument its refusal must name.
+struct RefusalCase {
+  const char* entry;
+  std::function<KT_STATUS()> call;
+  KT_STATUS status;
+  const char* argument;  // "(none)" when the refusal names no argument
+};
+
+// Runs every row; a failure names the row's entry.
+inline void ExpectRefusals(const std::vector<RefusalCase>& cases) {
+  for (const RefusalCase& c : cases) {
+    Refusal();  // forget what came before
+    EXPECT_EQ(c.call(), c.status) << c.entry;
+    EXPECT_EQ(Refusal(), c.argument) << c.entry;
+  }
 }
 
 }  // namespace testing_fakes
