@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "client/metric_batch.h"
 #include "host/diagnostics.h"
 #include "host/logger.h"
 #include "state/conduit_state.h"
@@ -488,15 +489,9 @@ KT_STATUS DefaultClientManager::ForEachMetric(
     KT_STATUS (IClientManager::*operation)(unsigned long, unsigned long), unsigned long consumer,
     const unsigned long* metrics, unsigned int count, IClientManagerErrorListener* listener) {
   if (metrics == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "metric");
-  bool failed = false;
-  for (unsigned int i = 0; i < count; ++i) {
-    // Through the slot, as a client would call it; no rollback of the others.
-    const KT_STATUS status = (this->*operation)(consumer, metrics[i]);
-    if (status == KT_STATUS_SUCCESS) continue;
-    failed = true;
-    if (listener != nullptr) listener->OnError(metrics[i], status);
-  }
-  return failed ? KT_STATUS_PARTIAL_FAILURE : KT_STATUS_SUCCESS;
+  // Through the slot, as a client would call it.
+  return ForEachMetricOf(metrics, count, listener,
+                         [&](unsigned long metric) { return (this->*operation)(consumer, metric); });
 }
 
 KT_STATUS DefaultClientManager::FlushMetrics(unsigned long consumer) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "client/default_client_manager.h"
+#include "client/metric_batch.h"
 #include "registry/registry.h"
 #include "remote/client_command_method.h"
 #include "remote/descriptor_blob.h"
@@ -170,15 +171,9 @@ KT_STATUS ClientManagerProxy::ForEachMetric(
   // A batch of no metrics succeeds whatever its array; a batch without an
   // array is refused before anything is sent.
   if (count > 0 && metrics == nullptr) return KT_STATUS_INVALID_ARGUMENT;
-  bool failed = false;
-  for (unsigned int i = 0; i < count; ++i) {
-    const KT_STATUS status = (this->*operation)(consumer, metrics[i]);
-    if (status == KT_STATUS_SUCCESS) continue;
-    failed = true;
-    // The listener is optional, as for every client manager.
-    if (listener != nullptr) listener->OnError(metrics[i], status);
-  }
-  return failed ? KT_STATUS_PARTIAL_FAILURE : KT_STATUS_SUCCESS;
+  // The listener is optional, as for every client manager.
+  return ForEachMetricOf(metrics, count, listener,
+                         [&](unsigned long metric) { return (this->*operation)(consumer, metric); });
 }
 
 // ---------------------------------------------------------------------------
