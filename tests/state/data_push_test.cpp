@@ -29,25 +29,11 @@ constexpr unsigned long kPublisher = 0x99;
 // A consumer that also takes batches, offered through CastTo only.
 class BatchConsumer : public RecordingConsumer {
  public:
-  class Batched : public IConsumer2 {
-   public:
-    void OnMetricUpdated(unsigned int, unsigned long*, const unsigned long*, const void**,
-                         unsigned long*) override {}
-    void OnBatchMetricUpdated(unsigned long handle, unsigned long tag, const void* data) override {
-      batches.push_back({handle, tag, static_cast<const char*>(data)});
-    }
-    struct Batch {
-      unsigned long handle;
-      unsigned long tag;
-      std::string first;
-    };
-    std::vector<Batch> batches;
-  };
   void* CastTo(const char* name) override {
     if (std::string(name) == "IConsumer2") return static_cast<IConsumer2*>(&batched);
     return RecordingConsumer::CastTo(name);
   }
-  Batched batched;
+  BatchedConsumer batched;
 };
 
 class DataPushTest : public ::testing::Test {

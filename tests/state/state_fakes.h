@@ -15,6 +15,7 @@
 #include "kt/metric.h"
 #include "kt/probe.h"
 #include "registry/registry.h"
+#include "state/peer_state.h"
 #include "state/publisher_state.h"
 
 namespace MetricsFramework {
@@ -169,6 +170,33 @@ class AskedListenerConsumer : public RecordingConsumer {
     return RecordingConsumer::CastTo(name);
   }
   Listener listener;
+};
+
+// A consumer that takes batches: records each as (handle, tag, first text).
+class BatchedConsumer : public IConsumer2 {
+ public:
+  struct Batch {
+    unsigned long handle;
+    unsigned long tag;
+    std::string first;
+  };
+  void OnMetricUpdated(unsigned int, unsigned long*, const unsigned long*, const void**,
+                       unsigned long*) override {}
+  void OnBatchMetricUpdated(unsigned long handle, unsigned long tag, const void* data) override {
+    batches.push_back({handle, tag, data != nullptr ? static_cast<const char*>(data) : ""});
+  }
+  std::vector<Batch> batches;
+};
+
+// The far side of a peer mount: hands out a client manager and counts its
+// releases.
+class FakePeer : public IPeer {
+ public:
+  explicit FakePeer(IClientManager* clientManager = nullptr) : clientManager(clientManager) {}
+  void Release() override { ++releases; }
+  IClientManager* GetClientManager() override { return clientManager; }
+  IClientManager* clientManager;
+  int releases = 0;
 };
 
 // Keeps the state events the registry sends, as (event, handle).

@@ -13,6 +13,7 @@
 #include "kt/consumer.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
+#include "state/state_fakes.h"
 #include "transport/local_conduit.h"
 
 namespace MetricsFramework {
@@ -36,23 +37,8 @@ namespace {
 
 constexpr unsigned long kBinding = 42;
 using testing_fakes::FakeManager;
+using testing_fakes::RecordingConsumer;
 typedef unsigned long Handle;
-
-// Records the first entry of every update.
-class RecordingConsumer : public IConsumer {
- public:
-  struct Call {
-    unsigned int count;
-    Handle handle, tag;
-    const void* data;
-    unsigned long* sizes;
-  };
-  void OnMetricUpdated(unsigned int count, Handle* handles, const Handle* tags, const void** data,
-                       unsigned long* sizes) override {
-    calls.push_back({count, handles[0], tags[0], data[0], sizes});
-  }
-  std::vector<Call> calls;
-};
 
 class QueueBufferTest : public ::testing::Test {
  protected:
@@ -274,11 +260,12 @@ TEST_F(QueueBufferTest, TimeBasedSampleReachesConsumersWithTag199AndIsReleased) 
   buffer->CommitTimeBasedMetric(block);
 
   ASSERT_EQ(consumer.calls.size(), 1u);
-  EXPECT_EQ(consumer.calls[0].count, 1u);
-  EXPECT_EQ(consumer.calls[0].handle, kBinding);
-  EXPECT_EQ(consumer.calls[0].tag, 199u);
-  EXPECT_EQ(consumer.calls[0].data, block);
-  EXPECT_EQ(consumer.calls[0].sizes, nullptr);
+  ASSERT_EQ(consumer.calls[0].size(), 1u);
+  EXPECT_EQ(consumer.samples[0].handle, kBinding);
+  EXPECT_EQ(consumer.samples[0].tag, 199u);
+  EXPECT_EQ(consumer.samples[0].data, block);
+  EXPECT_TRUE(consumer.samples[0].withoutSizes);
+  EXPECT_TRUE(manager.pushes.empty()) << "straight to the consumers, not through the manager";
   EXPECT_EQ(Oldest(*buffer), nullptr);
   EXPECT_EQ(buffer->Reserve(8), block);  // released: the arena rewound
 
