@@ -103,66 +103,6 @@ TEST_F(SamplePathTest, UnpublishingGivesTheBufferBackAndTheNextBindingReusesTheP
   EXPECT_NE(WriterOf(second), firstWriter) << "a returned buffer is the last to be reused";
 }
 
-// With the manager's routing stood in, samples go through the conduit state's
-// push to the subscribed consumers, in every delivery form.
-class RoutedSamplePathTest : public SamplePathTest {
- protected:
-  RoutedSamplePathTest() {
-    manager.route = true;
-    Path* node = manager.registry.GetChild("consumers/k", kPathCreate);
-    new ConsumerState(&consumer, node);
-    EXPECT_EQ(conduitState->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
-  }
-  // What the client manager records when it subscribes a metric.
-  unsigned long Subscribed(const char* uri, unsigned long tag, unsigned int group = kUngrouped) {
-    const unsigned long metric = PublishAndBind(uri);
-    conduitState->m_tags.map[metric] = tag;
-    conduitState->m_groups.map[metric] = {publisherNode->GetHandle(), group};
-    if (group != kUngrouped) {
-      conduitState->m_groupTemplate[publisherNode->GetHandle()][group].insert(metric);
-      conduitState->m_groupExpected[publisherNode->GetHandle()][group].insert(metric);
-    }
-    return metric;
-  }
-  static std::string Text(const RecordingConsumer::Sample& sample) { return sample.bytes; }
-
-  RecordingConsumer consumer;
-};
-
-TEST_F(RoutedSamplePathTest, UngroupedAndGroupedSamplesReachTheConsumer) {
-  const unsigned long cpu = Subscribed("cpu", 1);
-  const unsigned long user = Subscribed("user", 2, 5);
-  const unsigned long system = Subscribed("system", 3, 5);
-
-  Write(WriterOf(cpu), "c");
-  Write(WriterOf(user), "u");
-  const size_t beforeGroupCompletes = consumer.calls.size();
-  Write(WriterOf(system), "s");
-
-  EXPECT_EQ(beforeGroupCompletes, 1u);
-  ASSERT_EQ(consumer.calls.size(), 2u);
-  EXPECT_EQ(Text(consumer.calls[0][0]), "c");
-  ASSERT_EQ(consumer.calls[1].size(), 2u);
-  EXPECT_EQ(Text(consumer.calls[1][0]), "u");
-  EXPECT_EQ(consumer.calls[1][1].tag, 3u);
-}
-
-TEST_F(RoutedSamplePathTest, BatchedSamplesGoToBatchedConsumersOneAtATime) {
-  BatchedConsumer batched;
-  Path* node = manager.registry.GetChild("consumers/b", kPathCreate);
-  new ConsumerState(&batched, node);
-  ASSERT_EQ(conduitState->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
-  const unsigned long metric = Subscribed("batched", 8);
-  conduitState->AddBatchMetric(metric);
-
-  Write(WriterOf(metric), "1");
-  Write(WriterOf(metric), "2");
-
-  ASSERT_EQ(batched.batches.size(), 2u);  // the samples carry no terminator: only tags are read
-  EXPECT_EQ(batched.batches[1].tag, 8u);
-  EXPECT_TRUE(consumer.calls.empty());
-}
-
 // Under this library's own manager a buffer hands its pushes straight to the
 // conduit state it was bound through; either may go first.
 class DirectSamplePathTest : public ::testing::Test {
