@@ -36,7 +36,7 @@ class PathTest : public ::testing::Test {
   TestRegistry registry;
 };
 
-TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheName) {
+TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheNameAndEmptyNamesNothing) {
   Path* b = Make("a/b");
   ASSERT_NE(b, nullptr);
 
@@ -48,11 +48,9 @@ TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheName) {
   ASSERT_NE(slashed, nullptr);
   EXPECT_EQ(slashed->GetName(), "/a");
   EXPECT_NE(slashed, Find("a"));
-}
 
-TEST_F(PathTest, EmptyPathNamesNothingAndCreatesAnUnnamedChild) {
+  // The empty path names nothing, and creates an unnamed child.
   EXPECT_EQ(Find(""), nullptr);
-
   Path* unnamed = Make("");
 
   ASSERT_NE(unnamed, nullptr);
@@ -77,12 +75,6 @@ TEST_F(PathTest, PartialMatchReturnsDeepestNodeAndPointsRestAtFirstMissingName) 
   const char* untouched = text;
   EXPECT_EQ(registry.GetChild("nothing/here", 0, &untouched), nullptr);
   EXPECT_EQ(untouched, text);
-}
-
-TEST_F(PathTest, NullPathThrowsLogicErrorAndLeavesTheNodeUsable) {
-  EXPECT_THROW(registry.GetChild(nullptr, kPathCreate), std::logic_error);
-  EXPECT_TRUE(registry.GetLock().GetWriteLock()->TryLock());
-  registry.GetLock().GetWriteLock()->Unlock();
 }
 
 TEST_F(PathTest, UnlistedChildIsFoundButNotCountedOrListed) {
@@ -126,26 +118,21 @@ TEST_F(PathTest, NewNodesAreRegisteredInHandlesUnlessAskedNotTo) {
   EXPECT_EQ(registered->GetPayload()->m_path, registered);
 }
 
-TEST_F(PathTest, AliasWithATakenHandleReturnsTheNodeAlreadyThere) {
+// A taken alias handle answers the node already there; a link never shadows
+// an owned child of its name, and RemoveSymlink removes links only.
+TEST_F(PathTest, LinksNeverDisplaceWhatIsAlreadyThere) {
   Path* dir = Make("dir");
   Path* a = Make("a");
   Path* b = Make("b");
   dir->AddAliasSymlink(7, a);
-
   EXPECT_EQ(dir->AddAliasSymlink(7, b), a);
   EXPECT_EQ(dir->GetChild(7, 0), a);
   EXPECT_EQ(dir->GetChild("b", 0), nullptr);
-}
 
-TEST_F(PathTest, RemoveSymlinkLeavesOwnedChildren) {
-  Path* owned = Make("owned");
-
-  EXPECT_FALSE(registry.RemoveSymlink(owned->GetHandle()));
-  EXPECT_EQ(Find("owned"), owned);
+  EXPECT_FALSE(registry.RemoveSymlink(a->GetHandle()));
+  EXPECT_EQ(Find("a"), a);
   EXPECT_FALSE(registry.RemoveSymlink(0x4242));
-}
 
-TEST_F(PathTest, LinkNeverShadowsAnOwnedChildOfTheSameName) {
   Path* metric = Make("metric");
   Path* bindings = metric->GetChild("bindings", kPathCreate);
   Path* impostor = Make("elsewhere/bindings");
@@ -201,12 +188,9 @@ TEST_F(PathTest, SetNameRefilesTheNodeUnderItsNewName) {
   EXPECT_EQ(registry.GetChild("new/with/separators", 0, nullptr), nullptr);  // split on lookup
   EXPECT_EQ(node->GetName(), "new/with/separators");
   EXPECT_EQ(registry.GetChild(node->GetHandle(), 0), node);
-}
 
-TEST_F(PathTest, ANodeRenamedToTheEmptyNameIsFoundByHandleOnlyAndLeavesNoEntryBehind) {
-  Path* node = Make("named");
+  // Renamed to the empty name, it is found by handle only and leaves no entry behind.
   const unsigned long handle = node->GetHandle();
-
   node->SetName("");
   EXPECT_EQ(registry.GetChildNamed("", 0), nullptr);
   EXPECT_EQ(registry.GetChild(handle, 0), node);
@@ -216,10 +200,13 @@ TEST_F(PathTest, ANodeRenamedToTheEmptyNameIsFoundByHandleOnlyAndLeavesNoEntryBe
   EXPECT_EQ(registry.GetChildNamed("", 0), nullptr) << "no entry outlives its node";
 }
 
-TEST_F(PathTest, SetNameOfANodeItsParentDoesNotListThrowsAndReleasesTheLock) {
+// A null path, or renaming a node its parent does not list, throws and
+// releases the lock.
+TEST_F(PathTest, ThrowingCallsReleaseTheLock) {
   Path* node = Make("stray");
   registry.DetachChild(node);
 
+  EXPECT_THROW(registry.GetChild(nullptr, kPathCreate), std::logic_error);
   EXPECT_THROW(node->SetName("other"), std::out_of_range);
 
   EXPECT_TRUE(registry.GetLock().GetWriteLock()->TryLock());
