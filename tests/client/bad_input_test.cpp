@@ -32,17 +32,10 @@ class ClientManagerBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
     EXPECT_EQ(foreign.Add("pub", &foreignPublisher), KT_STATUS_SUCCESS);
-    metric = Publish(host.manager, &publisher);
-    foreignMetric = Publish(foreign.manager, &foreignPublisher);
+    metric = Published(host.manager, &publisher, "m");
+    foreignMetric = Published(foreign.manager, &foreignPublisher, "m");
     con = consumer.GetHandle();
     unknown = host.UnknownHandle();
-  }
-  static unsigned long Publish(DefaultExtensionManager& manager, IPublisher* owner) {
-    Metric::Description desc;
-    desc.uri = "m";
-    unsigned long handle = 0;
-    EXPECT_EQ(manager.PublishMetric(owner, desc, &handle), KT_STATUS_SUCCESS);
-    return handle;
   }
 
   FakePublisher publisher, foreignPublisher;

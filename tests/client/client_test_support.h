@@ -139,8 +139,6 @@ class RecordingClientManager : public IClientManager {
 // so that the client manager goes first and the objects the tree points at
 // go last.
 using Refusal = std::pair<KT_STATUS, std::string>;
-constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
-constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
 
 class ClientManagerTest : public ::testing::Test {
  protected:

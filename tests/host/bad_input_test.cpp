@@ -47,22 +47,13 @@ class ExtensionManagerBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("cd", &conduit), KT_STATUS_SUCCESS);
     EXPECT_EQ(foreign.Add("pub", &foreignPublisher), KT_STATUS_SUCCESS);
-    metric = Publish(host.manager, &publisher, "m", 0);
-    probeMetric = Publish(host.manager, &publisher, "pm", Metric::kFlagProbe);
-    foreignMetric = Publish(foreign.manager, &foreignPublisher, "m", 0);
+    metric = Published(host.manager, &publisher, "m");
+    probeMetric = Published(host.manager, &publisher, "pm", Metric::kFlagProbe);
+    foreignMetric = Published(foreign.manager, &foreignPublisher, "m");
     // A publisher object whose handle is the consumer's node.
     strayPublisher.Load(&host.manager, nullptr, consumer.GetHandle(), nullptr);
   }
 
-  static unsigned long Publish(DefaultExtensionManager& manager, IPublisher* owner,
-                               const char* uri, unsigned int flags) {
-    Metric::Description desc;
-    desc.uri = uri;
-    desc.flags = flags;
-    unsigned long handle = 0;
-    EXPECT_EQ(manager.PublishMetric(owner, desc, &handle), KT_STATUS_SUCCESS);
-    return handle;
-  }
   static ProbeDesc Probe(const unsigned long* metrics, unsigned long count) {
     ProbeDesc desc{};
     std::strcpy(desc.m_name, "type");

@@ -68,9 +68,7 @@ class RemoteBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("ClientCommandMethod", &host.command), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
-    Metric::Description desc;
-    desc.uri = "m";
-    EXPECT_EQ(host.manager.PublishMetric(&publisher, desc, &metric), KT_STATUS_SUCCESS);
+    metric = Published(host.manager, &publisher, "m");
     transport = host.client->GetConduitHandle(0, 0);
     proxy = std::make_unique<ClientManagerProxy>(1, 2, "peer", host.client.get(), transport,
                                                  transport);

@@ -28,11 +28,7 @@ class ConduitStateTest : public ::testing::Test {
     return node;
   }
   Path* Publish(const char* uri) {
-    Metric::Description d;
-    d.uri = uri;
-    unsigned long h = 0;
-    publisherState->PublishMetric(d, &h);
-    return publisherNode->GetChild(h, 0);
+    return publisherNode->GetChild(Published(publisherState, uri), 0);
   }
   Path* Binding(Path* conduitNode, Path* metric) {
     Path* bindings = conduitNode->GetChild("bindings", 0);

@@ -35,10 +35,7 @@ class ConsumerStateTest : public ::testing::Test {
   }
   // A metric subscribed through the consumer's local conduit and bound to it.
   Path* SubscribedMetric(const char* uri) {
-    Metric::Description d;
-    d.uri = uri;
-    unsigned long h = 0;
-    publisherState->PublishMetric(d, &h);
+    const unsigned long h = Published(publisherState, uri);
     ConduitState* conduit = LocalConduit();
     EXPECT_EQ(conduit->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
     EXPECT_EQ(conduit->Bind(publisherNode->GetChild(h, 0), h), KT_STATUS_SUCCESS);

@@ -40,11 +40,7 @@ class SamplePathTest : public ::testing::Test {
   }
 
   unsigned long PublishAndBind(const char* uri, unsigned int flags = 0) {
-    Metric::Description d;
-    d.uri = uri;
-    d.flags = flags;
-    unsigned long handle = 0;
-    EXPECT_EQ(publisherState->PublishMetric(d, &handle), KT_STATUS_SUCCESS);
+    const unsigned long handle = Published(publisherState, uri, flags);
     EXPECT_EQ(conduitState->Bind(publisherNode->GetChild(handle, 0), handle), KT_STATUS_SUCCESS);
     return handle;
   }
@@ -117,9 +113,7 @@ class DirectSamplePathTest : public ::testing::Test {
     Path* consumerNode = registry.GetChild("consumers/k", kPathCreate);
     new ConsumerState(&consumer, consumerNode);
     EXPECT_EQ(state->Subscribe(consumerNode->GetHandle()), KT_STATUS_SUCCESS);
-    Metric::Description d;
-    d.uri = "cpu";
-    EXPECT_EQ(publisherState->PublishMetric(d, &metric), KT_STATUS_SUCCESS);
+    metric = Published(publisherState, "cpu");
     EXPECT_EQ(state->Bind(publisherNode->GetChild(metric, 0), metric), KT_STATUS_SUCCESS);
     state->m_tags.map[metric] = 9;
     state->m_groups.map[metric] = {publisherNode->GetHandle(), kUngrouped};

@@ -4,6 +4,8 @@
 #ifndef KT_TESTS_STATE_STATE_FAKES_H_
 #define KT_TESTS_STATE_STATE_FAKES_H_
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <utility>
@@ -12,6 +14,7 @@
 #include "kt/buffer.h"
 #include "kt/conduit.h"
 #include "kt/consumer.h"
+#include "kt/extension_manager.h"
 #include "kt/metric.h"
 #include "kt/probe.h"
 #include "registry/registry.h"
@@ -209,6 +212,31 @@ struct EventLog {
 };
 
 using Events = std::vector<std::pair<unsigned int, unsigned long>>;
+
+// The two refusals the tables name most.
+constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
+constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
+
+// Publishes the metric `uri` with `flags` through a publisher's state, or
+// through a manager for `owner`; the metric's handle.
+inline unsigned long Published(PublisherState* state, const std::string& uri,
+                               unsigned int flags = 0) {
+  Metric::Description d;
+  d.uri = uri;
+  d.flags = flags;
+  unsigned long handle = 0;
+  EXPECT_EQ(state->PublishMetric(d, &handle), KT_STATUS_SUCCESS) << uri;
+  return handle;
+}
+inline unsigned long Published(IExtensionManager& manager, IPublisher* owner,
+                               const std::string& uri, unsigned int flags = 0) {
+  Metric::Description d;
+  d.uri = uri;
+  d.flags = flags;
+  unsigned long handle = 0;
+  EXPECT_EQ(manager.PublishMetric(owner, d, &handle), KT_STATUS_SUCCESS) << uri;
+  return handle;
+}
 
 // A description with every field set, named `uri`.
 inline Metric::Description FullDescription(const std::string& uri, unsigned int flags = 0) {

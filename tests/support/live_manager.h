@@ -86,8 +86,6 @@ struct RefusalCase {
   const char* argument;  // "(none)" when the refusal names no argument
 };
 
-constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
-constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
 constexpr const char* kNone = "(none)";
 
 // Runs every row; a failure names the row's entry.
