@@ -100,17 +100,15 @@ TEST_F(QueueBufferTest, ArenasAreCarvedInOrderAndAddedAtLargestPlusRequestPlusOn
   auto empty = Make(0);
   empty->Reserve(100);
   EXPECT_EQ(Arenas(*empty), std::vector<size_t>{101});
-}
 
-TEST_F(QueueBufferTest, ReserveUsesOnlyTheLow32BitsOfTheSize) {
-  auto buffer = Make(1024);
-  auto* first = static_cast<unsigned char*>(buffer->Reserve(0x100000010ul));
-  buffer->Commit(first);
+  auto wide = Make(1024);  // only the low 32 bits of a size count
+  auto* block = static_cast<unsigned char*>(wide->Reserve(0x100000010ul));
+  wide->Commit(block);
   const void* data = nullptr;
   unsigned long size = 0;
-  buffer->GetData(&data, &size);
+  wide->GetData(&data, &size);
   EXPECT_EQ(size, 16u);
-  EXPECT_EQ(buffer->Reserve(1), first + 16);
+  EXPECT_EQ(wide->Reserve(1), block + 16);
 }
 
 TEST_F(QueueBufferTest, SamplesAreReadOldestFirstAndARecommittedBlockMovesToTheBack) {
