@@ -174,7 +174,7 @@ TEST_F(QueueBufferTest, DeepQueueSurvivesRingAndArenaGrowthInCommitOrder) {
   EXPECT_EQ(taken, expected);
 }
 
-TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushAddsNothing) {
+TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushDrainsWhatIsQueued) {
   auto buffer = Make(1024, QueueBuffer::kPushOnCommit);
   Write(*buffer, "a");
   Write(*buffer, "b");
@@ -185,25 +185,22 @@ TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushAddsNothing) {
   EXPECT_EQ(manager.pushes[0].sample, "a");
   EXPECT_EQ(manager.pushes[1].sample, "b");
 
+  auto queued = Make(1024);  // without push on commit, Flush drains the queue
+  for (const char* text : {"c", "d", "e"}) Write(*queued, text);
+  EXPECT_EQ(manager.pushes.size(), 2u);
+  queued->Flush();
+  ASSERT_EQ(manager.pushes.size(), 5u);
+  EXPECT_EQ(manager.pushes[4].sample, "e");
+  EXPECT_EQ(Oldest(*queued), nullptr);
+  manager.drain = false;  // and stops when a push takes nothing
+  Write(*queued, "f");
+  queued->Flush();
+  EXPECT_EQ(manager.pushes.size(), 6u);
+
   auto unbound = Make(1024, QueueBuffer::kPushOnCommit, 0);
   Write(*unbound, "c");
   EXPECT_EQ(unbound->Push(), KT_STATUS_SUCCESS);
-  EXPECT_EQ(manager.pushes.size(), 2u) << "an unbound buffer pushes nothing";
-}
-
-TEST_F(QueueBufferTest, FlushDrainsTheQueueAndStopsWhenAPushTakesNothing) {
-  auto buffer = Make(1024);
-  for (const char* text : {"a", "b", "c"}) Write(*buffer, text);
-  EXPECT_TRUE(manager.pushes.empty());
-  buffer->Flush();
-  ASSERT_EQ(manager.pushes.size(), 3u);
-  EXPECT_EQ(manager.pushes[2].sample, "c");
-  EXPECT_EQ(Oldest(*buffer), nullptr);
-
-  manager.drain = false;
-  Write(*buffer, "d");
-  buffer->Flush();
-  EXPECT_EQ(manager.pushes.size(), 4u);
+  EXPECT_EQ(manager.pushes.size(), 6u) << "an unbound buffer pushes nothing";
 }
 
 
