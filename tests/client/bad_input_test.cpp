@@ -18,8 +18,6 @@ namespace {
 
 using namespace testing_fakes;
 
-using Case = RefusalCase;
-
 class CountingListener : public IClientManagerErrorListener {
  public:
   void OnError(unsigned long, unsigned int) override { ++errors; }
@@ -34,17 +32,10 @@ class ClientManagerBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
     EXPECT_EQ(foreign.Add("pub", &foreignPublisher), KT_STATUS_SUCCESS);
-    metric = Publish(host.manager, &publisher);
-    foreignMetric = Publish(foreign.manager, &foreignPublisher);
+    metric = Published(host.manager, &publisher, "m");
+    foreignMetric = Published(foreign.manager, &foreignPublisher, "m");
     con = consumer.GetHandle();
     unknown = host.UnknownHandle();
-  }
-  static unsigned long Publish(DefaultExtensionManager& manager, IPublisher* owner) {
-    Metric::Description desc;
-    desc.uri = "m";
-    unsigned long handle = 0;
-    EXPECT_EQ(manager.PublishMetric(owner, desc, &handle), KT_STATUS_SUCCESS);
-    return handle;
   }
 
   FakePublisher publisher, foreignPublisher;
@@ -63,55 +54,30 @@ class ClientManagerBadInputTest : public ::testing::Test {
 TEST_F(ClientManagerBadInputTest, NamespaceQueriesRefuseNullOutputsAndBadHandles) {
   const std::string longPath(5000, 'x');
   ExpectRefusals({
-      {"GetPath null out", [&] { return c.GetPath(0, "root", nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "out_handle"},
-      {"GetPath null path", [&] { return c.GetPath(0, nullptr, &out); },
-       KT_STATUS_INVALID_ARGUMENT, "pathname"},
-      {"GetPath unknown root", [&] { return c.GetPath(unknown, "m", &out); },
-       KT_STATUS_INVALID_OBJECT, "root"},
-      {"GetPath foreign root", [&] { return c.GetPath(foreignMetric, "m", &out); },
-       KT_STATUS_INVALID_OBJECT, "root"},
-      {"GetPath below a metric", [&] { return c.GetPath(metric, "m", &out); },
-       KT_STATUS_DOES_NOT_EXIST, "root"},
-      {"GetPath oversize path", [&] { return c.GetPath(0, longPath.c_str(), &out); },
-       KT_STATUS_DOES_NOT_EXIST, "root"},
-      {"GetChildCount null out", [&] { return c.GetChildCount(0, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "out_count"},
-      {"GetChildCount unknown", [&] { return c.GetChildCount(unknown, &count); },
-       KT_STATUS_INVALID_OBJECT, "parent"},
-      {"GetChildCount foreign", [&] { return c.GetChildCount(foreignMetric, &count); },
-       KT_STATUS_INVALID_OBJECT, "parent"},
-      {"GetChildren null out", [&] { return c.GetChildren(0, nullptr, 1); },
-       KT_STATUS_INVALID_ARGUMENT, "out_children"},
-      {"GetChildren none into null", [&] { return c.GetChildren(0, nullptr, 0); },
-       KT_STATUS_SUCCESS, "(none)"},
-      {"GetChildren unknown", [&] { return c.GetChildren(unknown, children, 1); },
-       KT_STATUS_INVALID_OBJECT, "parent"},
-      {"GetChildren foreign", [&] { return c.GetChildren(foreignMetric, children, 1); },
-       KT_STATUS_INVALID_OBJECT, "parent"},
-      {"GetChildren of a leaf", [&] { return c.GetChildren(metric, children, 1); },
-       KT_STATUS_INVALID_SIZE, "count"},
-      {"GetChildren oversize count", [&] { return c.GetChildren(0, children, UINT_MAX); },
-       KT_STATUS_INVALID_SIZE, "count"},
-      {"GetMetrics unknown", [&] { return c.GetMetrics(unknown, metrics, nullptr, nullptr); },
-       KT_STATUS_INVALID_OBJECT, "parent"},
-      {"GetMetrics foreign",
-       [&] { return c.GetMetrics(foreignMetric, metrics, nullptr, nullptr); },
-       KT_STATUS_INVALID_OBJECT, "parent"},
-      {"GetResourceInfo null out", [&] { return c.GetResourceInfo(0, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "out_resource"},
-      {"GetResourceInfo unknown", [&] { return c.GetResourceInfo(unknown, &info); },
-       KT_STATUS_INVALID_OBJECT, "handle"},
-      {"GetResourceInfo foreign", [&] { return c.GetResourceInfo(foreignMetric, &info); },
-       KT_STATUS_INVALID_OBJECT, "handle"},
-      {"GetMetricDescriptor null out", [&] { return c.GetMetricDescriptor(metric, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "out_desc"},
-      {"GetMetricDescriptor zero", [&] { return c.GetMetricDescriptor(0, &desc); },
-       KT_STATUS_INVALID_OBJECT, "metric"},
-      {"GetMetricDescriptor consumer", [&] { return c.GetMetricDescriptor(con, &desc); },
-       KT_STATUS_INVALID_OBJECT, "metric"},
-      {"GetMetricDescriptor foreign", [&] { return c.GetMetricDescriptor(foreignMetric, &desc); },
-       KT_STATUS_INVALID_OBJECT, "metric"},
+      REFUSAL(c.GetPath(0, "root", nullptr), kArgument, "out_handle"),
+      REFUSAL(c.GetPath(0, nullptr, &out), kArgument, "pathname"),
+      REFUSAL(c.GetPath(unknown, "m", &out), kObject, "root"),
+      REFUSAL(c.GetPath(foreignMetric, "m", &out), kObject, "root"),
+      REFUSAL(c.GetPath(metric, "m", &out), KT_STATUS_DOES_NOT_EXIST, "root"),
+      REFUSAL(c.GetPath(0, longPath.c_str(), &out), KT_STATUS_DOES_NOT_EXIST, "root"),
+      REFUSAL(c.GetChildCount(0, nullptr), kArgument, "out_count"),
+      REFUSAL(c.GetChildCount(unknown, &count), kObject, "parent"),
+      REFUSAL(c.GetChildCount(foreignMetric, &count), kObject, "parent"),
+      REFUSAL(c.GetChildren(0, nullptr, 1), kArgument, "out_children"),
+      REFUSAL(c.GetChildren(0, nullptr, 0), KT_STATUS_SUCCESS, kNone),
+      REFUSAL(c.GetChildren(unknown, children, 1), kObject, "parent"),
+      REFUSAL(c.GetChildren(foreignMetric, children, 1), kObject, "parent"),
+      REFUSAL(c.GetChildren(metric, children, 1), KT_STATUS_INVALID_SIZE, "count"),
+      REFUSAL(c.GetChildren(0, children, UINT_MAX), KT_STATUS_INVALID_SIZE, "count"),
+      REFUSAL(c.GetMetrics(unknown, metrics, nullptr, nullptr), kObject, "parent"),
+      REFUSAL(c.GetMetrics(foreignMetric, metrics, nullptr, nullptr), kObject, "parent"),
+      REFUSAL(c.GetResourceInfo(0, nullptr), kArgument, "out_resource"),
+      REFUSAL(c.GetResourceInfo(unknown, &info), kObject, "handle"),
+      REFUSAL(c.GetResourceInfo(foreignMetric, &info), kObject, "handle"),
+      REFUSAL(c.GetMetricDescriptor(metric, nullptr), kArgument, "out_desc"),
+      REFUSAL(c.GetMetricDescriptor(0, &desc), kObject, "metric"),
+      REFUSAL(c.GetMetricDescriptor(con, &desc), kObject, "metric"),
+      REFUSAL(c.GetMetricDescriptor(foreignMetric, &desc), kObject, "metric"),
   });
   EXPECT_TRUE(metrics.empty());
   EXPECT_EQ(children[0], 0u);  // an oversize count wrote nothing
@@ -121,48 +87,26 @@ TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
   const unsigned long batch[] = {metric, unknown, foreignMetric};
   CountingListener listener;
   ExpectRefusals({
-      {"Subscribe zero metric", [&] { return c.SubscribeMetric(con, 0); },
-       KT_STATUS_INVALID_ARGUMENT, "metric"},
-      {"Subscribe unknown consumer", [&] { return c.SubscribeMetric(unknown, metric); },
-       KT_STATUS_INVALID_OBJECT, "conduit"},
-      {"Subscribe metric as consumer", [&] { return c.SubscribeMetric(metric, metric); },
-       KT_STATUS_INVALID_OBJECT, "conduit"},
-      {"Subscribe zero consumer", [&] { return c.SubscribeMetric(0, metric); },
-       KT_STATUS_INVALID_ARGUMENT, "consumer"},
-      {"Subscribe unknown metric", [&] { return c.SubscribeMetric(con, unknown); },
-       KT_STATUS_INVALID_OBJECT, "metric"},
-      {"Subscribe consumer as metric", [&] { return c.SubscribeMetric(con, con); },
-       KT_STATUS_INVALID_OBJECT, "metric"},
-      {"Subscribe foreign metric", [&] { return c.SubscribeMetric(con, foreignMetric); },
-       KT_STATUS_INVALID_OBJECT, "conduit"},
-      {"Unsubscribe zero metric", [&] { return c.UnsubscribeMetric(con, 0); },
-       KT_STATUS_INVALID_ARGUMENT, "metric"},
-      {"Unsubscribe zero consumer", [&] { return c.UnsubscribeMetric(0, metric); },
-       KT_STATUS_INVALID_ARGUMENT, "consumer"},
-      {"Unsubscribe unknown consumer", [&] { return c.UnsubscribeMetric(unknown, metric); },
-       KT_STATUS_INVALID_OBJECT, "conduit"},
-      {"Unsubscribe never bound", [&] { return c.UnsubscribeMetric(con, unknown); },
-       KT_STATUS_DOES_NOT_EXIST, "metric"},
-      {"Unsubscribe foreign metric", [&] { return c.UnsubscribeMetric(con, foreignMetric); },
-       KT_STATUS_INVALID_OBJECT, "conduit"},
-      {"SubscribeMetrics null array", [&] { return c.SubscribeMetrics(con, nullptr, 3, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "metric"},
-      {"SubscribeMetrics null listener", [&] { return c.SubscribeMetrics(con, batch, 3, nullptr); },
-       KT_STATUS_PARTIAL_FAILURE, "conduit"},
-      {"UnsubscribeMetrics null array",
-       [&] { return c.UnsubscribeMetrics(con, nullptr, 0, &listener); },
-       KT_STATUS_INVALID_ARGUMENT, "metric"},
-      {"UnsubscribeMetrics with listener",
-       [&] { return c.UnsubscribeMetrics(con, batch, 3, &listener); },
-       KT_STATUS_PARTIAL_FAILURE, "conduit"},
-      {"FlushMetrics zero", [&] { return c.FlushMetrics(0); },
-       KT_STATUS_INVALID_ARGUMENT, "consumer"},
-      {"FlushMetrics unknown", [&] { return c.FlushMetrics(unknown); },
-       KT_STATUS_INVALID_OBJECT, "consumer"},
-      {"FlushMetrics metric", [&] { return c.FlushMetrics(metric); },
-       KT_STATUS_INVALID_OBJECT, "consumer"},
-      {"FlushMetrics foreign", [&] { return c.FlushMetrics(foreignMetric); },
-       KT_STATUS_INVALID_OBJECT, "consumer"},
+      REFUSAL(c.SubscribeMetric(con, 0), kArgument, "metric"),
+      REFUSAL(c.SubscribeMetric(unknown, metric), kObject, "conduit"),
+      REFUSAL(c.SubscribeMetric(metric, metric), kObject, "conduit"),
+      REFUSAL(c.SubscribeMetric(0, metric), kArgument, "consumer"),
+      REFUSAL(c.SubscribeMetric(con, unknown), kObject, "metric"),
+      REFUSAL(c.SubscribeMetric(con, con), kObject, "metric"),
+      REFUSAL(c.SubscribeMetric(con, foreignMetric), kObject, "conduit"),
+      REFUSAL(c.UnsubscribeMetric(con, 0), kArgument, "metric"),
+      REFUSAL(c.UnsubscribeMetric(0, metric), kArgument, "consumer"),
+      REFUSAL(c.UnsubscribeMetric(unknown, metric), kObject, "conduit"),
+      REFUSAL(c.UnsubscribeMetric(con, unknown), KT_STATUS_DOES_NOT_EXIST, "metric"),
+      REFUSAL(c.UnsubscribeMetric(con, foreignMetric), kObject, "conduit"),
+      REFUSAL(c.SubscribeMetrics(con, nullptr, 3, nullptr), kArgument, "metric"),
+      REFUSAL(c.SubscribeMetrics(con, batch, 3, nullptr), KT_STATUS_PARTIAL_FAILURE, "conduit"),
+      REFUSAL(c.UnsubscribeMetrics(con, nullptr, 0, &listener), kArgument, "metric"),
+      REFUSAL(c.UnsubscribeMetrics(con, batch, 3, &listener), KT_STATUS_PARTIAL_FAILURE, "conduit"),
+      REFUSAL(c.FlushMetrics(0), kArgument, "consumer"),
+      REFUSAL(c.FlushMetrics(unknown), kObject, "consumer"),
+      REFUSAL(c.FlushMetrics(metric), kObject, "consumer"),
+      REFUSAL(c.FlushMetrics(foreignMetric), kObject, "consumer"),
   });
   EXPECT_EQ(listener.errors, 2);  // the unknown and the foreign metric
 }
@@ -170,45 +114,26 @@ TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
 TEST_F(ClientManagerBadInputTest, RemoteCallsAndProbesRefuseBadHandlesAndNullBuffers) {
   QueueBuffer args(0, nullptr, 0, 0, 0), returns(0, nullptr, 0, 0, 0);
   ExpectRefusals({
-      {"Call null args", [&] { return c.CallRemoteMethodSync(unknown, nullptr, &returns); },
-       KT_STATUS_INVALID_ARGUMENT, "args"},
-      {"Call null returns", [&] { return c.CallRemoteMethodSync(unknown, &args, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "returns"},
-      {"Call zero", [&] { return c.CallRemoteMethodSync(0, &args, &returns); },
-       KT_STATUS_INVALID_ARGUMENT, "handle"},
-      {"Call unknown", [&] { return c.CallRemoteMethodSync(unknown, &args, &returns); },
-       KT_STATUS_INVALID_OBJECT, "remotePath"},
-      {"Call consumer", [&] { return c.CallRemoteMethodSync(con, &args, &returns); },
-       KT_STATUS_INVALID_OBJECT, "remotePath"},
-      {"Call foreign", [&] { return c.CallRemoteMethodSync(foreignMetric, &args, &returns); },
-       KT_STATUS_INVALID_OBJECT, "remotePath"},
-      {"Call through unknown conduit",
-       [&] { return c.CallRemoteMethodSync(unknown, metric, &args, &returns); },
-       KT_STATUS_INVALID_ARGUMENT, "conduit"},
-      {"CreateProbe null out", [&] { return c.CreateProbe(metric, nullptr, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "out_site"},
-      {"CreateProbe unknown type", [&] { return c.CreateProbe(unknown, nullptr, &out); },
-       KT_STATUS_INVALID_ARGUMENT, "query"},
-      {"CreateProbe metric as type", [&] { return c.CreateProbe(metric, nullptr, &out); },
-       KT_STATUS_INVALID_OBJECT, "qpub"},
-      {"CreateProbe foreign type", [&] { return c.CreateProbe(foreignMetric, nullptr, &out); },
-       KT_STATUS_INVALID_ARGUMENT, "query"},
-      {"DestroyProbe zero", [&] { return c.DestroyProbe(0); },
-       KT_STATUS_INVALID_ARGUMENT, "sitePath"},
-      {"DestroyProbe root", [&] { return c.DestroyProbe(host.manager.GetRegistry().GetHandle()); },
-       KT_STATUS_INVALID_ARGUMENT, "sitePath"},
-      {"DestroyProbe metric", [&] { return c.DestroyProbe(metric); },
-       KT_STATUS_INVALID_ARGUMENT, "sitePath"},
-      {"DestroyProbe foreign", [&] { return c.DestroyProbe(foreignMetric); },
-       KT_STATUS_INVALID_ARGUMENT, "sitePath"},
-      {"BeginProbe zero", [&] { return c.BeginProbe(0, 1, 2, Metrics::EventType{}, nullptr); },
-       KT_STATUS_SUCCESS, "(none)"},
-      {"EndProbe zero", [&] { return c.EndProbe(0, 1, Metrics::EventType{}, nullptr); },
-       KT_STATUS_SUCCESS, "(none)"},
-      {"HandleProbe zero", [&] { return c.HandleProbe(0); }, KT_STATUS_SUCCESS, "(none)"},
-      {"OnChangeStateCommandList zero",
-       [&] { return c.OnChangeStateCommandList(0, nullptr, nullptr, Metrics::CommandListState{}); },
-       KT_STATUS_SUCCESS, "(none)"},
+      REFUSAL(c.CallRemoteMethodSync(unknown, nullptr, &returns), kArgument, "args"),
+      REFUSAL(c.CallRemoteMethodSync(unknown, &args, nullptr), kArgument, "returns"),
+      REFUSAL(c.CallRemoteMethodSync(0, &args, &returns), kArgument, "handle"),
+      REFUSAL(c.CallRemoteMethodSync(unknown, &args, &returns), kObject, "remotePath"),
+      REFUSAL(c.CallRemoteMethodSync(con, &args, &returns), kObject, "remotePath"),
+      REFUSAL(c.CallRemoteMethodSync(foreignMetric, &args, &returns), kObject, "remotePath"),
+      REFUSAL(c.CallRemoteMethodSync(unknown, metric, &args, &returns), kArgument, "conduit"),
+      REFUSAL(c.CreateProbe(metric, nullptr, nullptr), kArgument, "out_site"),
+      REFUSAL(c.CreateProbe(unknown, nullptr, &out), kArgument, "query"),
+      REFUSAL(c.CreateProbe(metric, nullptr, &out), kObject, "qpub"),
+      REFUSAL(c.CreateProbe(foreignMetric, nullptr, &out), kArgument, "query"),
+      REFUSAL(c.DestroyProbe(0), kArgument, "sitePath"),
+      REFUSAL(c.DestroyProbe(host.manager.GetRegistry().GetHandle()), kArgument, "sitePath"),
+      REFUSAL(c.DestroyProbe(metric), kArgument, "sitePath"),
+      REFUSAL(c.DestroyProbe(foreignMetric), kArgument, "sitePath"),
+      REFUSAL(c.BeginProbe(0, 1, 2, Metrics::EventType{}, nullptr), KT_STATUS_SUCCESS, kNone),
+      REFUSAL(c.EndProbe(0, 1, Metrics::EventType{}, nullptr), KT_STATUS_SUCCESS, kNone),
+      REFUSAL(c.HandleProbe(0), KT_STATUS_SUCCESS, kNone),
+      REFUSAL(c.OnChangeStateCommandList(0, nullptr, nullptr, Metrics::CommandListState{}),
+              KT_STATUS_SUCCESS, kNone),
   });
   EXPECT_EQ(out, 0u);
   // The metric a refused DestroyProbe met is still there.

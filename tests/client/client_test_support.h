@@ -134,24 +134,11 @@ class RecordingClientManager : public IClientManager {
   }
 };
 
-// The far side of a peer mount: hands out a client manager and counts its
-// releases (the fixture owns it).
-class FakePeer : public IPeer {
- public:
-  explicit FakePeer(IClientManager* clientManager) : clientManager(clientManager) {}
-  void Release() override { ++releases; }
-  IClientManager* GetClientManager() override { return clientManager; }
-  IClientManager* clientManager;
-  int releases = 0;
-};
-
 // A registry with a client manager on it, a publisher "publishers/p" and a
 // loader that files what the client manager registers. Members are declared
 // so that the client manager goes first and the objects the tree points at
 // go last.
 using Refusal = std::pair<KT_STATUS, std::string>;
-constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
-constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
 
 class ClientManagerTest : public ::testing::Test {
  protected:

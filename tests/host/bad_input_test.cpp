@@ -23,8 +23,6 @@ namespace {
 
 using namespace testing_fakes;
 
-using Case = RefusalCase;
-
 class RolelessExtension : public IKTExtensionBase {};
 
 class SilentLogger : public ILogger {
@@ -39,13 +37,6 @@ class NullMethod : public IRemoteMethod {
   void GetRemoteMethodDesc(RemoteMethodDesc&) override {}
 };
 
-class BatchedConsumer : public IConsumer2 {
- public:
-  void OnMetricUpdated(unsigned int, unsigned long*, const unsigned long*, const void**,
-                       unsigned long*) override {}
-  void OnBatchMetricUpdated(unsigned long, unsigned long, const void*) override {}
-};
-
 // A manager with a publisher "pub" (metrics "m" and the probe metric "pm"), a
 // consumer "con" and a conduit "cd"; a second manager, the foreign registry,
 // with its own publisher and metric.
@@ -56,22 +47,13 @@ class ExtensionManagerBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("cd", &conduit), KT_STATUS_SUCCESS);
     EXPECT_EQ(foreign.Add("pub", &foreignPublisher), KT_STATUS_SUCCESS);
-    metric = Publish(host.manager, &publisher, "m", 0);
-    probeMetric = Publish(host.manager, &publisher, "pm", Metric::kFlagProbe);
-    foreignMetric = Publish(foreign.manager, &foreignPublisher, "m", 0);
+    metric = Published(host.manager, &publisher, "m");
+    probeMetric = Published(host.manager, &publisher, "pm", Metric::kFlagProbe);
+    foreignMetric = Published(foreign.manager, &foreignPublisher, "m");
     // A publisher object whose handle is the consumer's node.
     strayPublisher.Load(&host.manager, nullptr, consumer.GetHandle(), nullptr);
   }
 
-  static unsigned long Publish(DefaultExtensionManager& manager, IPublisher* owner,
-                               const char* uri, unsigned int flags) {
-    Metric::Description desc;
-    desc.uri = uri;
-    desc.flags = flags;
-    unsigned long handle = 0;
-    EXPECT_EQ(manager.PublishMetric(owner, desc, &handle), KT_STATUS_SUCCESS);
-    return handle;
-  }
   static ProbeDesc Probe(const unsigned long* metrics, unsigned long count) {
     ProbeDesc desc{};
     std::strcpy(desc.m_name, "type");
@@ -93,20 +75,14 @@ TEST_F(ExtensionManagerBadInputTest, AddAndRemoveRefuseWhatTheyCannotFile) {
   FakePublisher twin;
   RecordingConsumer stranger;
   ExpectRefusals({
-      {"Add null extension", [&] { return host.manager.Add(desc, "x", nullptr, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "extension"},
-      {"Add null name", [&] { return host.manager.Add(desc, nullptr, &twin, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "instance_name"},
-      {"Add no role", [&] { return host.manager.Add(desc, "r", &roleless, nullptr); },
-       KT_STATUS_UNSUPPORTED_EXTENSION, "(none)"},
-      {"Add name taken", [&] { return host.manager.Add(desc, "pub", &twin, nullptr); },
-       KT_STATUS_ALREADY_EXISTS, "(none)"},
-      {"Remove null extension", [&] { return host.manager.Remove(desc, "pub", nullptr, nullptr); },
-       KT_STATUS_SUCCESS, "(none)"},
-      {"Remove null name", [&] { return host.manager.Remove(desc, nullptr, &stranger, nullptr); },
-       KT_STATUS_SUCCESS, "(none)"},
-      {"Remove never added", [&] { return host.manager.Remove(desc, "zz", &roleless, nullptr); },
-       KT_STATUS_SUCCESS, "(none)"},
+      REFUSAL(host.manager.Add(desc, "x", nullptr, nullptr), kArgument, "extension"),
+      REFUSAL(host.manager.Add(desc, nullptr, &twin, nullptr), kArgument, "instance_name"),
+      REFUSAL(host.manager.Add(desc, "r", &roleless, nullptr),
+              KT_STATUS_UNSUPPORTED_EXTENSION, kNone),
+      REFUSAL(host.manager.Add(desc, "pub", &twin, nullptr), KT_STATUS_ALREADY_EXISTS, kNone),
+      REFUSAL(host.manager.Remove(desc, "pub", nullptr, nullptr), KT_STATUS_SUCCESS, kNone),
+      REFUSAL(host.manager.Remove(desc, nullptr, &stranger, nullptr), KT_STATUS_SUCCESS, kNone),
+      REFUSAL(host.manager.Remove(desc, "zz", &roleless, nullptr), KT_STATUS_SUCCESS, kNone),
   });
   // Nothing the refusals met was filed or removed.
   EXPECT_FALSE(host.manager.ExtensionAlreadyExists("publishers", "r"));
@@ -123,41 +99,21 @@ TEST_F(ExtensionManagerBadInputTest, PublishingRoutersRefuseUnknownWrongAndForei
   const unsigned long unknown = host.UnknownHandle();
   const unsigned long consumerHandle = consumer.GetHandle();
   ExpectRefusals({
-      {"PublishMetric null owner", [&] { return m.PublishMetric(nullptr, desc, &out); },
-       KT_STATUS_INVALID_ARGUMENT, "owner"},
-      {"PublishMetric null out", [&] { return m.PublishMetric(&publisher, desc, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "out_metricHandle"},
-      {"PublishMetric never added",
-       [&] { return m.PublishMetric(&unfiledPublisher, desc, &out); }, KT_STATUS_INVALID_OBJECT,
-       "publisherPath"},
-      {"PublishMetric consumer's handle",
-       [&] { return m.PublishMetric(&strayPublisher, desc, &out); }, KT_STATUS_INVALID_OBJECT,
-       "publisherPath"},
-      {"PublishMetric foreign", [&] { return m.PublishMetric(&foreignPublisher, desc, &out); },
-       KT_STATUS_INVALID_OBJECT, "publisherPath"},
-      {"UnpublishMetric null owner", [&] { return m.UnpublishMetric(nullptr, metric); },
-       KT_STATUS_INVALID_ARGUMENT, "owner"},
-      {"UnpublishMetric zero", [&] { return m.UnpublishMetric(&publisher, 0); },
-       KT_STATUS_INVALID_ARGUMENT, "metricHandle"},
-      {"UnpublishMetric unknown", [&] { return m.UnpublishMetric(&publisher, unknown); },
-       KT_STATUS_INVALID_OBJECT, "metricHandle"},
-      {"UnpublishMetric consumer",
-       [&] { return m.UnpublishMetric(&publisher, consumerHandle); }, KT_STATUS_INVALID_OBJECT,
-       "metricHandle"},
-      {"UnpublishMetric foreign metric",
-       [&] { return m.UnpublishMetric(&publisher, foreignMetric); }, KT_STATUS_INVALID_OBJECT,
-       "metricHandle"},
-      {"UnpublishMetric foreign owner",
-       [&] { return m.UnpublishMetric(&foreignPublisher, metric); }, KT_STATUS_INVALID_OBJECT,
-       "publisherPath"},
-      {"PublishGroupOrder null", [&] { return m.PublishGroupOrder(nullptr, order); },
-       KT_STATUS_INVALID_OBJECT, "publisherPath"},
-      {"PublishGroupOrder stray", [&] { return m.PublishGroupOrder(&strayPublisher, order); },
-       KT_STATUS_INVALID_OBJECT, "publisherPath"},
-      {"PublishSetNames null", [&] { return m.PublishSetNames(nullptr, names); },
-       KT_STATUS_INVALID_OBJECT, "publisherPath"},
-      {"PublishSetNames foreign", [&] { return m.PublishSetNames(&foreignPublisher, names); },
-       KT_STATUS_INVALID_OBJECT, "publisherPath"},
+      REFUSAL(m.PublishMetric(nullptr, desc, &out), kArgument, "owner"),
+      REFUSAL(m.PublishMetric(&publisher, desc, nullptr), kArgument, "out_metricHandle"),
+      REFUSAL(m.PublishMetric(&unfiledPublisher, desc, &out), kObject, "publisherPath"),
+      REFUSAL(m.PublishMetric(&strayPublisher, desc, &out), kObject, "publisherPath"),
+      REFUSAL(m.PublishMetric(&foreignPublisher, desc, &out), kObject, "publisherPath"),
+      REFUSAL(m.UnpublishMetric(nullptr, metric), kArgument, "owner"),
+      REFUSAL(m.UnpublishMetric(&publisher, 0), kArgument, "metricHandle"),
+      REFUSAL(m.UnpublishMetric(&publisher, unknown), kObject, "metricHandle"),
+      REFUSAL(m.UnpublishMetric(&publisher, consumerHandle), kObject, "metricHandle"),
+      REFUSAL(m.UnpublishMetric(&publisher, foreignMetric), kObject, "metricHandle"),
+      REFUSAL(m.UnpublishMetric(&foreignPublisher, metric), kObject, "publisherPath"),
+      REFUSAL(m.PublishGroupOrder(nullptr, order), kObject, "publisherPath"),
+      REFUSAL(m.PublishGroupOrder(&strayPublisher, order), kObject, "publisherPath"),
+      REFUSAL(m.PublishSetNames(nullptr, names), kObject, "publisherPath"),
+      REFUSAL(m.PublishSetNames(&foreignPublisher, names), kObject, "publisherPath"),
   });
   // The owner's metric survived every refused unpublish.
   EXPECT_EQ(m.UnpublishMetric(&publisher, metric), KT_STATUS_SUCCESS);
@@ -173,38 +129,19 @@ TEST_F(ExtensionManagerBadInputTest, ProbeRoutersRefuseBadDescriptionsAndQueries
   ProbeDesc unterminated = Probe(nullptr, 0);
   std::memset(unterminated.m_name, 'n', sizeof unterminated.m_name);
   ExpectRefusals({
-      {"PublishProbe null publisher", [&] { return m.PublishProbe(nullptr, Probe(nullptr, 0), &out); },
-       KT_STATUS_INVALID_ARGUMENT, "publisher"},
-      {"PublishProbe null out", [&] { return m.PublishProbe(&publisher, Probe(nullptr, 0), nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "out_query"},
-      {"PublishProbe never added",
-       [&] { return m.PublishProbe(&unfiledPublisher, Probe(nullptr, 0), &out); },
-       KT_STATUS_INVALID_OBJECT, "publisherPath"},
-      {"PublishProbe null metrics with a count",
-       [&] { return m.PublishProbe(&publisher, Probe(nullptr, 3), &out); },
-       KT_STATUS_INVALID_ARGUMENT, "metrics"},
-      {"PublishProbe unknown metric", [&] { return m.PublishProbe(&publisher, Probe(unknown, 1), &out); },
-       KT_STATUS_INVALID_OBJECT, "metrics[i]"},
-      {"PublishProbe consumer as metric",
-       [&] { return m.PublishProbe(&publisher, Probe(wrongKind, 1), &out); },
-       KT_STATUS_INVALID_OBJECT, "metrics[i]"},
-      {"PublishProbe foreign metric",
-       [&] { return m.PublishProbe(&publisher, Probe(foreignOne, 1), &out); },
-       KT_STATUS_INVALID_OBJECT, "metrics[i]"},
-      {"PublishProbe ordinary metric",
-       [&] { return m.PublishProbe(&publisher, Probe(ordinary, 1), &out); },
-       KT_STATUS_INVALID_OBJECT, "(none)"},
-      {"PublishProbe name filling its array", [&] { return m.PublishProbe(&publisher, unterminated, &out); },
-       KT_STATUS_SUCCESS, "(none)"},
-      {"UnpublishProbe null publisher", [&] { return m.UnpublishProbe(nullptr, out); },
-       KT_STATUS_INVALID_ARGUMENT, "publisher"},
-      {"UnpublishProbe zero", [&] { return m.UnpublishProbe(&publisher, 0); },
-       KT_STATUS_INVALID_OBJECT, "query"},
-      {"UnpublishProbe metric as query", [&] { return m.UnpublishProbe(&publisher, probeMetric); },
-       KT_STATUS_INVALID_OBJECT, "query"},
-      {"UnpublishProbe foreign publisher",
-       [&] { return m.UnpublishProbe(&foreignPublisher, out); }, KT_STATUS_INVALID_OBJECT,
-       "publisherPath"},
+      REFUSAL(m.PublishProbe(nullptr, Probe(nullptr, 0), &out), kArgument, "publisher"),
+      REFUSAL(m.PublishProbe(&publisher, Probe(nullptr, 0), nullptr), kArgument, "out_query"),
+      REFUSAL(m.PublishProbe(&unfiledPublisher, Probe(nullptr, 0), &out), kObject, "publisherPath"),
+      REFUSAL(m.PublishProbe(&publisher, Probe(nullptr, 3), &out), kArgument, "metrics"),
+      REFUSAL(m.PublishProbe(&publisher, Probe(unknown, 1), &out), kObject, "metrics[i]"),
+      REFUSAL(m.PublishProbe(&publisher, Probe(wrongKind, 1), &out), kObject, "metrics[i]"),
+      REFUSAL(m.PublishProbe(&publisher, Probe(foreignOne, 1), &out), kObject, "metrics[i]"),
+      REFUSAL(m.PublishProbe(&publisher, Probe(ordinary, 1), &out), kObject, kNone),
+      REFUSAL(m.PublishProbe(&publisher, unterminated, &out), KT_STATUS_SUCCESS, kNone),
+      REFUSAL(m.UnpublishProbe(nullptr, out), kArgument, "publisher"),
+      REFUSAL(m.UnpublishProbe(&publisher, 0), kObject, "query"),
+      REFUSAL(m.UnpublishProbe(&publisher, probeMetric), kObject, "query"),
+      REFUSAL(m.UnpublishProbe(&foreignPublisher, out), kObject, "publisherPath"),
   });
   // The name is taken as its 256 bytes and nothing past them.
   unsigned long type = 0;
@@ -220,30 +157,18 @@ TEST_F(ExtensionManagerBadInputTest, DataAndMethodRoutersRefuseBadHandlesAndNull
   const unsigned long cd = conduit.GetHandle(), con = consumer.GetHandle();
   const unsigned long unknown = host.UnknownHandle();
   ExpectRefusals({
-      {"Push null data", [&] { return m.PushDataToConsumers(cd, metric, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "data"},
-      {"Push zero conduit", [&] { return m.PushDataToConsumers(0, metric, &args); },
-       KT_STATUS_INVALID_OBJECT, "data"},
-      {"Push unknown conduit", [&] { return m.PushDataToConsumers(unknown, metric, &args); },
-       KT_STATUS_INVALID_OBJECT, "data"},
-      {"Push consumer as conduit", [&] { return m.PushDataToConsumers(con, metric, &args); },
-       KT_STATUS_INVALID_OBJECT, "data"},
-      {"Push foreign conduit", [&] { return m.PushDataToConsumers(foreignMetric, metric, &args); },
-       KT_STATUS_INVALID_OBJECT, "data"},
-      {"Push unknown binding", [&] { return m.PushDataToConsumers(cd, unknown, &args); },
-       KT_STATUS_INVALID_ARGUMENT, "(none)"},
-      {"Dispatch null args", [&] { return m.DispatchRemoteMethod(unknown, nullptr, &returns); },
-       KT_STATUS_INVALID_ARGUMENT, "args"},
-      {"Dispatch null returns", [&] { return m.DispatchRemoteMethod(unknown, &args, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT, "returns"},
-      {"Dispatch zero", [&] { return m.DispatchRemoteMethod(0, &args, &returns); },
-       KT_STATUS_INVALID_ARGUMENT, "handle"},
-      {"Dispatch unknown", [&] { return m.DispatchRemoteMethod(unknown, &args, &returns); },
-       KT_STATUS_INVALID_OBJECT, "remotePath"},
-      {"Dispatch consumer", [&] { return m.DispatchRemoteMethod(con, &args, &returns); },
-       KT_STATUS_INVALID_OBJECT, "remotePath"},
-      {"Dispatch foreign", [&] { return m.DispatchRemoteMethod(foreignMetric, &args, &returns); },
-       KT_STATUS_INVALID_OBJECT, "remotePath"},
+      REFUSAL(m.PushDataToConsumers(cd, metric, nullptr), kArgument, "data"),
+      REFUSAL(m.PushDataToConsumers(0, metric, &args), kObject, "data"),
+      REFUSAL(m.PushDataToConsumers(unknown, metric, &args), kObject, "data"),
+      REFUSAL(m.PushDataToConsumers(con, metric, &args), kObject, "data"),
+      REFUSAL(m.PushDataToConsumers(foreignMetric, metric, &args), kObject, "data"),
+      REFUSAL(m.PushDataToConsumers(cd, unknown, &args), kArgument, kNone),
+      REFUSAL(m.DispatchRemoteMethod(unknown, nullptr, &returns), kArgument, "args"),
+      REFUSAL(m.DispatchRemoteMethod(unknown, &args, nullptr), kArgument, "returns"),
+      REFUSAL(m.DispatchRemoteMethod(0, &args, &returns), kArgument, "handle"),
+      REFUSAL(m.DispatchRemoteMethod(unknown, &args, &returns), kObject, "remotePath"),
+      REFUSAL(m.DispatchRemoteMethod(con, &args, &returns), kObject, "remotePath"),
+      REFUSAL(m.DispatchRemoteMethod(foreignMetric, &args, &returns), kObject, "remotePath"),
   });
 }
 

@@ -36,7 +36,7 @@ class PathTest : public ::testing::Test {
   TestRegistry registry;
 };
 
-TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheName) {
+TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheNameAndEmptyNamesNothing) {
   Path* b = Make("a/b");
   ASSERT_NE(b, nullptr);
 
@@ -48,11 +48,9 @@ TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheName) {
   ASSERT_NE(slashed, nullptr);
   EXPECT_EQ(slashed->GetName(), "/a");
   EXPECT_NE(slashed, Find("a"));
-}
 
-TEST_F(PathTest, EmptyPathNamesNothingAndCreatesAnUnnamedChild) {
+  // The empty path names nothing, and creates an unnamed child.
   EXPECT_EQ(Find(""), nullptr);
-
   Path* unnamed = Make("");
 
   ASSERT_NE(unnamed, nullptr);
@@ -79,13 +77,7 @@ TEST_F(PathTest, PartialMatchReturnsDeepestNodeAndPointsRestAtFirstMissingName) 
   EXPECT_EQ(untouched, text);
 }
 
-TEST_F(PathTest, NullPathThrowsLogicErrorAndLeavesTheNodeUsable) {
-  EXPECT_THROW(registry.GetChild(nullptr, kPathCreate), std::logic_error);
-  EXPECT_TRUE(registry.GetLock().GetWriteLock()->TryLock());
-  registry.GetLock().GetWriteLock()->Unlock();
-}
-
-TEST_F(PathTest, UnlistedChildIsFoundButNotCountedOrListed) {
+TEST_F(PathTest, UnlistedChildIsFoundButNotCountedOrListedAndChildHandlesAreOwnHandles) {
   Path* listed = Make("listed");
   Path* hidden = Make("hidden", kPathCreate | kPathUnlisted);
   Path* parent = Make("p");
@@ -101,15 +93,11 @@ TEST_F(PathTest, UnlistedChildIsFoundButNotCountedOrListed) {
   EXPECT_EQ(ChildHandles(parent, 1)[0], second->GetHandle());
   EXPECT_NE(first, nullptr);
   EXPECT_NE(listed, nullptr);
-}
 
-TEST_F(PathTest, ChildHandlesAreTheChildrensOwnHandlesAndCountZeroWritesNothing) {
+  // Child handles are the children's own, not an alias; a count of zero writes nothing.
   Path* dir = Make("dir");
-  Path* target = Make("target");
-  const unsigned long alias = 0x1234;
-  dir->AddAliasSymlink(alias, target);
-
-  EXPECT_EQ(ChildHandles(dir, 1)[0], target->GetHandle());
+  dir->AddAliasSymlink(0x1234, listed);
+  EXPECT_EQ(ChildHandles(dir, 1)[0], listed->GetHandle());
   EXPECT_EQ(ChildHandles(dir, 0)[0], 0xDEADu);
   EXPECT_EQ(ChildHandles(dir, 1)[1], 0xDEADu);
 }
@@ -126,26 +114,21 @@ TEST_F(PathTest, NewNodesAreRegisteredInHandlesUnlessAskedNotTo) {
   EXPECT_EQ(registered->GetPayload()->m_path, registered);
 }
 
-TEST_F(PathTest, AliasWithATakenHandleReturnsTheNodeAlreadyThere) {
+// A taken alias handle answers the node already there; a link never shadows
+// an owned child of its name, and RemoveSymlink removes links only.
+TEST_F(PathTest, LinksNeverDisplaceWhatIsAlreadyThere) {
   Path* dir = Make("dir");
   Path* a = Make("a");
   Path* b = Make("b");
   dir->AddAliasSymlink(7, a);
-
   EXPECT_EQ(dir->AddAliasSymlink(7, b), a);
   EXPECT_EQ(dir->GetChild(7, 0), a);
   EXPECT_EQ(dir->GetChild("b", 0), nullptr);
-}
 
-TEST_F(PathTest, RemoveSymlinkLeavesOwnedChildren) {
-  Path* owned = Make("owned");
-
-  EXPECT_FALSE(registry.RemoveSymlink(owned->GetHandle()));
-  EXPECT_EQ(Find("owned"), owned);
+  EXPECT_FALSE(registry.RemoveSymlink(a->GetHandle()));
+  EXPECT_EQ(Find("a"), a);
   EXPECT_FALSE(registry.RemoveSymlink(0x4242));
-}
 
-TEST_F(PathTest, LinkNeverShadowsAnOwnedChildOfTheSameName) {
   Path* metric = Make("metric");
   Path* bindings = metric->GetChild("bindings", kPathCreate);
   Path* impostor = Make("elsewhere/bindings");
@@ -201,12 +184,9 @@ TEST_F(PathTest, SetNameRefilesTheNodeUnderItsNewName) {
   EXPECT_EQ(registry.GetChild("new/with/separators", 0, nullptr), nullptr);  // split on lookup
   EXPECT_EQ(node->GetName(), "new/with/separators");
   EXPECT_EQ(registry.GetChild(node->GetHandle(), 0), node);
-}
 
-TEST_F(PathTest, ANodeRenamedToTheEmptyNameIsFoundByHandleOnlyAndLeavesNoEntryBehind) {
-  Path* node = Make("named");
+  // Renamed to the empty name, it is found by handle only and leaves no entry behind.
   const unsigned long handle = node->GetHandle();
-
   node->SetName("");
   EXPECT_EQ(registry.GetChildNamed("", 0), nullptr);
   EXPECT_EQ(registry.GetChild(handle, 0), node);
@@ -216,10 +196,13 @@ TEST_F(PathTest, ANodeRenamedToTheEmptyNameIsFoundByHandleOnlyAndLeavesNoEntryBe
   EXPECT_EQ(registry.GetChildNamed("", 0), nullptr) << "no entry outlives its node";
 }
 
-TEST_F(PathTest, SetNameOfANodeItsParentDoesNotListThrowsAndReleasesTheLock) {
+// A null path, or renaming a node its parent does not list, throws and
+// releases the lock.
+TEST_F(PathTest, ThrowingCallsReleaseTheLock) {
   Path* node = Make("stray");
   registry.DetachChild(node);
 
+  EXPECT_THROW(registry.GetChild(nullptr, kPathCreate), std::logic_error);
   EXPECT_THROW(node->SetName("other"), std::out_of_range);
 
   EXPECT_TRUE(registry.GetLock().GetWriteLock()->TryLock());

@@ -33,6 +33,7 @@ struct Case {
 void ExpectStatuses(const std::vector<Case>& cases) {
   for (const Case& c : cases) EXPECT_EQ(c.call(), c.status) << c.entry;
 }
+#define STATUS(call, status) Case{#call, [&] { return call; }, status}
 
 // A buffer holding one committed record of `bytes`.
 class Record : public QueueBuffer {
@@ -67,9 +68,7 @@ class RemoteBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("ClientCommandMethod", &host.command), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
-    Metric::Description desc;
-    desc.uri = "m";
-    EXPECT_EQ(host.manager.PublishMetric(&publisher, desc, &metric), KT_STATUS_SUCCESS);
+    metric = Published(host.manager, &publisher, "m");
     transport = host.client->GetConduitHandle(0, 0);
     proxy = std::make_unique<ClientManagerProxy>(1, 2, "peer", host.client.get(), transport,
                                                  transport);
@@ -108,49 +107,28 @@ TEST_F(RemoteBadInputTest, ProxyPassesThePeersRefusalsBackAndRefusesWhatItCannot
   Metric::Description desc;
   QueueBuffer args(0, nullptr, 0, 0, 0), returns(0, nullptr, 0, 0, 0);
   ExpectStatuses({
-      {"unwired proxy, no reply", [&] { return unwired.GetChildCount(0, &count); },
-       KT_STATUS_INVALID_OBJECT | kRunFailed},
-      {"GetPath null path", [&] { return p.GetPath(0, nullptr, &out); },
-       KT_STATUS_INVALID_ARGUMENT},
-      {"GetPath null out", [&] { return p.GetPath(0, "publishers", nullptr); },
-       KT_STATUS_SUCCESS},
-      {"GetChildCount unknown", [&] { return p.GetChildCount(unknown, &count); },
-       KT_STATUS_INVALID_OBJECT | kRunFailed},
-      {"GetChildren oversize count", [&] { return p.GetChildren(0, children, UINT_MAX); },
-       KT_STATUS_INVALID_SIZE | kRunFailed},
-      {"GetChildren null out", [&] { return p.GetChildren(0, nullptr, 1); },
-       KT_STATUS_SUCCESS},
-      {"GetResourceInfo unknown", [&] { return p.GetResourceInfo(unknown, &info); },
-       KT_STATUS_INVALID_OBJECT | kRunFailed},
-      {"GetResourceInfo null out", [&] { return p.GetResourceInfo(0, nullptr); },
-       KT_STATUS_SUCCESS},
-      {"GetMetricDescriptor consumer", [&] { return p.GetMetricDescriptor(con, &desc); },
-       KT_STATUS_INVALID_OBJECT},
-      {"GetMetricDescriptor null out", [&] { return p.GetMetricDescriptor(metric, nullptr); },
-       KT_STATUS_SUCCESS},
-      {"Subscribe zero consumer", [&] { return p.SubscribeMetric(0, metric); },
-       KT_STATUS_INVALID_ARGUMENT | kRunFailed},
-      {"Subscribe zero metric", [&] { return p.SubscribeMetric(con, 0); },
-       KT_STATUS_INVALID_ARGUMENT | kRunFailed},
-      {"Unsubscribe never bound", [&] { return p.UnsubscribeMetric(con, unknown); },
-       KT_STATUS_DOES_NOT_EXIST | kRunFailed},
-      {"Flush without a remote conduit", [&] { return noConduit.FlushMetrics(con); },
-       KT_STATUS_INVALID_ARGUMENT | kRunFailed},
-      {"SubscribeMetrics null array", [&] { return p.SubscribeMetrics(con, nullptr, 2, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT},
-      {"SubscribeMetrics none", [&] { return p.SubscribeMetrics(con, nullptr, 0, nullptr); },
-       KT_STATUS_SUCCESS},
-      {"UnsubscribeMetrics null listener",
-       [&] { return p.UnsubscribeMetrics(con, batch, 2, nullptr); }, KT_STATUS_PARTIAL_FAILURE},
-      {"Call null returns", [&] { return p.CallRemoteMethodSync(metric, &args, nullptr); },
-       KT_STATUS_INVALID_ARGUMENT},
-      {"Call zero", [&] { return p.CallRemoteMethodSync(0, &args, &returns); },
-       KT_STATUS_INVALID_OPERATION},
-      {"Call null args", [&] { return p.CallRemoteMethodSync(unknown, nullptr, &returns); },
-       KT_STATUS_INVALID_OPERATION},
-      {"CreateProbe", [&] { return p.CreateProbe(0, nullptr, nullptr); },
-       KT_STATUS_INVALID_OPERATION},
-      {"DestroyProbe", [&] { return p.DestroyProbe(0); }, KT_STATUS_INVALID_OPERATION},
+      STATUS(unwired.GetChildCount(0, &count), kObject | kRunFailed),
+      STATUS(p.GetPath(0, nullptr, &out), kArgument),
+      STATUS(p.GetPath(0, "publishers", nullptr), KT_STATUS_SUCCESS),
+      STATUS(p.GetChildCount(unknown, &count), kObject | kRunFailed),
+      STATUS(p.GetChildren(0, children, UINT_MAX), KT_STATUS_INVALID_SIZE | kRunFailed),
+      STATUS(p.GetChildren(0, nullptr, 1), KT_STATUS_SUCCESS),
+      STATUS(p.GetResourceInfo(unknown, &info), kObject | kRunFailed),
+      STATUS(p.GetResourceInfo(0, nullptr), KT_STATUS_SUCCESS),
+      STATUS(p.GetMetricDescriptor(con, &desc), kObject),
+      STATUS(p.GetMetricDescriptor(metric, nullptr), KT_STATUS_SUCCESS),
+      STATUS(p.SubscribeMetric(0, metric), kArgument | kRunFailed),
+      STATUS(p.SubscribeMetric(con, 0), kArgument | kRunFailed),
+      STATUS(p.UnsubscribeMetric(con, unknown), KT_STATUS_DOES_NOT_EXIST | kRunFailed),
+      STATUS(noConduit.FlushMetrics(con), kArgument | kRunFailed),
+      STATUS(p.SubscribeMetrics(con, nullptr, 2, nullptr), kArgument),
+      STATUS(p.SubscribeMetrics(con, nullptr, 0, nullptr), KT_STATUS_SUCCESS),
+      STATUS(p.UnsubscribeMetrics(con, batch, 2, nullptr), KT_STATUS_PARTIAL_FAILURE),
+      STATUS(p.CallRemoteMethodSync(metric, &args, nullptr), kArgument),
+      STATUS(p.CallRemoteMethodSync(0, &args, &returns), KT_STATUS_INVALID_OPERATION),
+      STATUS(p.CallRemoteMethodSync(unknown, nullptr, &returns), KT_STATUS_INVALID_OPERATION),
+      STATUS(p.CreateProbe(0, nullptr, nullptr), KT_STATUS_INVALID_OPERATION),
+      STATUS(p.DestroyProbe(0), KT_STATUS_INVALID_OPERATION),
   });
   EXPECT_EQ(out, 0u);
   EXPECT_EQ(children[0], 0u);
@@ -173,30 +151,27 @@ TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownReques
     const char* what;
     std::string bytes;
     bool ran;
-    KT_STATUS reply;  // KT_STATUS_INVALID_OPERATION: no reply record
+    KT_STATUS reply;
   };
+  constexpr KT_STATUS kNoReply = KT_STATUS_INVALID_OPERATION;  // no reply record
   const Request requests[] = {
-      {"empty record", "", false, KT_STATUS_INVALID_OPERATION},
-      {"two bytes", "\x01\x00", false, KT_STATUS_INVALID_OPERATION},
-      {"op 0", Op(0), false, KT_STATUS_INVALID_OPERATION},
-      {"op 10", Op(10), false, KT_STATUS_INVALID_OPERATION},
+      {"empty record", "", false, kNoReply},
+      {"two bytes", "\x01\x00", false, kNoReply},
+      {"op 0", Op(0), false, kNoReply},
+      {"op 10", Op(10), false, kNoReply},
       {"GetPath without text", Op(kOpGetPath), true, KT_STATUS_SUCCESS},
-      {"GetPath unterminated", Op(kOpGetPath) + Bytes(0ul) + "publishers", true,
-       KT_STATUS_SUCCESS},
+      {"GetPath unterminated", Op(kOpGetPath) + Bytes(0ul) + "publishers", true, KT_STATUS_SUCCESS},
       {"GetChildCount truncated", Op(kOpGetChildCount), true, KT_STATUS_SUCCESS},
-      {"GetChildren oversize", Op(kOpGetChildren) + Bytes(0ul) + Bytes(UINT_MAX), false,
-       KT_STATUS_INVALID_SIZE},
+      {"GetChildren oversize", Op(kOpGetChildren) + Bytes(0ul) + Bytes(UINT_MAX),
+       false, KT_STATUS_INVALID_SIZE},
       {"GetResourceInfo truncated", Op(kOpGetResourceInfo), true, KT_STATUS_SUCCESS},
-      {"GetMetricDescriptor truncated", Op(kOpGetMetricDescriptor), false,
-       KT_STATUS_INVALID_OBJECT},
-      {"Subscribe truncated", Op(kOpSubscribeMetric) + Bytes(1ul), false,
-       KT_STATUS_INVALID_ARGUMENT},
-      {"Unsubscribe truncated", Op(kOpUnsubscribeMetric), false, KT_STATUS_INVALID_ARGUMENT},
-      {"Flush truncated", Op(kOpFlushMetrics), false, KT_STATUS_INVALID_ARGUMENT},
-      {"Call truncated", Op(kOpCallRemoteMethod), false, KT_STATUS_INVALID_OPERATION},
-      {"Call payload past the record", op9 + Bytes(64ul) + "abc", false,
-       KT_STATUS_INVALID_OPERATION},
-      {"Call payload of 2^63 bytes", op9 + Bytes(1ul << 63), false, KT_STATUS_INVALID_OPERATION},
+      {"GetMetricDescriptor truncated", Op(kOpGetMetricDescriptor), false, kObject},
+      {"Subscribe truncated", Op(kOpSubscribeMetric) + Bytes(1ul), false, kArgument},
+      {"Unsubscribe truncated", Op(kOpUnsubscribeMetric), false, kArgument},
+      {"Flush truncated", Op(kOpFlushMetrics), false, kArgument},
+      {"Call truncated", Op(kOpCallRemoteMethod), false, kNoReply},
+      {"Call payload past the record", op9 + Bytes(64ul) + "abc", false, kNoReply},
+      {"Call payload of 2^63 bytes", op9 + Bytes(1ul << 63), false, kNoReply},
   };
   for (const Request& r : requests) {
     const std::pair<bool, KT_STATUS> answer = Serve(r.bytes);

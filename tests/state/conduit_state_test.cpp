@@ -28,11 +28,7 @@ class ConduitStateTest : public ::testing::Test {
     return node;
   }
   Path* Publish(const char* uri) {
-    Metric::Description d;
-    d.uri = uri;
-    unsigned long h = 0;
-    publisherState->PublishMetric(d, &h);
-    return publisherNode->GetChild(h, 0);
+    return publisherNode->GetChild(Published(publisherState, uri), 0);
   }
   Path* Binding(Path* conduitNode, Path* metric) {
     Path* bindings = conduitNode->GetChild("bindings", 0);
@@ -64,16 +60,10 @@ TEST_F(ConduitStateTest, BindLinksMetricBufferAndPublisherBothWays) {
   EXPECT_EQ(MetricBindings(metric)->GetChild(conduitNode->GetHandle(), 0), conduitNode);
   EXPECT_EQ(state->Bind(metric, metric->GetHandle()), KT_STATUS_ALREADY_EXISTS);
   EXPECT_EQ(publisher.binds, 1);
-}
-
-TEST_F(ConduitStateTest, OneMetricBoundToTwoConduitsHasTwoBindings) {
+  // A second conduit gets a binding of its own.
   FakeConduit other;
   Path* otherNode = Conduit("d", &other);
-  Path* metric = Publish("m");
-
-  state->Bind(metric, metric->GetHandle());
   static_cast<ConduitState*>(otherNode->GetPayload())->Bind(metric, metric->GetHandle());
-
   EXPECT_EQ(MetricBindings(metric)->GetChild(conduitNode->GetHandle(), 0), conduitNode);
   EXPECT_EQ(MetricBindings(metric)->GetChild(otherNode->GetHandle(), 0), otherNode);
 }

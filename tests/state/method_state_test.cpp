@@ -9,10 +9,12 @@
 #include "registry/registry.h"
 #include "state/logger_state.h"
 #include "state/peer_state.h"
+#include "state_fakes.h"
 
 namespace MetricsFramework {
 namespace {
 
+using testing_fakes::FakePeer;
 using Calls = std::vector<std::string>;
 
 // A return buffer that records the calls made on it.
@@ -45,13 +47,6 @@ class FakeMethod : public IRemoteMethod {
   const IReadBuffer* args = nullptr;
 };
 
-class FakePeer : public IPeer {
- public:
-  void Release() override { ++releases; }
-  IClientManager* GetClientManager() override { return nullptr; }
-  int releases = 0;
-};
-
 class MethodStateTest : public ::testing::Test {
  protected:
   MethodStateTest()
@@ -65,17 +60,14 @@ class MethodStateTest : public ::testing::Test {
   MethodState* state;
 };
 
-TEST_F(MethodStateTest, SuccessfulRunSucceedsWithTheCallersBuffers) {
+TEST_F(MethodStateTest, RunGetsTheCallersBuffersAndAFailedRunLeavesThemAsTheMethodLeftThem) {
   EXPECT_EQ(state->Dispatch(&args, &returns), KT_STATUS_SUCCESS);
   EXPECT_EQ(method.args, &args);
   EXPECT_EQ(returns.calls, (Calls{"Reserve", "Commit"}));
-}
 
-TEST_F(MethodStateTest, FailedRunYieldsInvalidOperationAndLeavesBuffersAsTheMethodLeftThem) {
   method.succeed = false;
-
   EXPECT_EQ(state->Dispatch(&args, &returns), KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(returns.calls, (Calls{"Reserve", "Commit"}));
+  EXPECT_EQ(returns.calls, (Calls{"Reserve", "Commit", "Reserve", "Commit"}));
 }
 
 TEST_F(MethodStateTest, MissingMethodFailsLikeAFailedRun) {

@@ -85,14 +85,5 @@ TEST_F(MetricStateTest, AvailabilityNoticesReachListeningConsumersAndTheRegistry
   EXPECT_TRUE(state->m_description.flags & Metric::kFlagAvailable);
 }
 
-TEST_F(MetricStateTest, DestroyingAnUnboundMetricTouchesNothing) {
-  MetricState* state = Make(FullDescription("m"));
-  const unsigned long h = state->m_path->GetHandle();
-
-  delete state->m_path;
-
-  EXPECT_EQ(registry.ResolveHandle(h), nullptr);
-}
-
 }  // namespace
 }  // namespace MetricsFramework

@@ -26,14 +26,6 @@ class ProbeStateTest : public ::testing::Test {
     state = new PublisherState(&publisher, node);
     events.Listen(registry);
   }
-  unsigned long Publish(const char* uri, unsigned int flags) {
-    Metric::Description d;
-    d.uri = uri;
-    d.flags = flags;
-    unsigned long h = 0;
-    state->PublishMetric(d, &h);
-    return h;
-  }
   KT_STATUS PublishType(const char* name, std::vector<unsigned long> metrics, unsigned long* out) {
     ProbeDesc desc{};
     std::strncpy(desc.m_name, name, sizeof(desc.m_name) - 1);
@@ -54,7 +46,7 @@ class ProbeStateTest : public ::testing::Test {
 };
 
 TEST_F(ProbeStateTest, TypeOverProbeMetricsIsLinkedFromThemUntilUnpublished) {
-  const unsigned long m = Publish("pm", Metric::kFlagProbe);
+  const unsigned long m = Published(state, "pm", Metric::kFlagProbe);
   unsigned long type = 0;
 
   ASSERT_EQ(PublishType("t", {m}, &type), KT_STATUS_SUCCESS);
@@ -70,8 +62,8 @@ TEST_F(ProbeStateTest, TypeOverProbeMetricsIsLinkedFromThemUntilUnpublished) {
 }
 
 TEST_F(ProbeStateTest, TypeOverAnOrdinaryMetricFailsLinksNothingAndStillTells) {
-  const unsigned long probe = Publish("pm", Metric::kFlagProbe);
-  const unsigned long ordinary = Publish("om", 0);
+  const unsigned long probe = Published(state, "pm", Metric::kFlagProbe);
+  const unsigned long ordinary = Published(state, "om", 0);
   unsigned long out = 0xABCD;
 
   EXPECT_EQ(PublishType("t", {probe, ordinary}, &out), KT_STATUS_INVALID_OBJECT);

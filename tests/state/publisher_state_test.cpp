@@ -56,17 +56,13 @@ class PublisherStateTest : public ::testing::Test {
   EventLog events;
 };
 
-TEST_F(PublisherStateTest, PublishChecksTheOutPointerBeforeAnything) {
-  Metric::Description d;
-  d.uri = "m";
-
-  EXPECT_EQ(state->PublishMetric(d, nullptr), KT_STATUS_INVALID_ARGUMENT);
-
+TEST_F(PublisherStateTest, NullOutPointerOrSecondMetricOfTheSameNameFailsAndChangesNothing) {
+  Metric::Description m;
+  m.uri = "m";
+  EXPECT_EQ(state->PublishMetric(m, nullptr), KT_STATUS_INVALID_ARGUMENT);
   EXPECT_EQ(node->GetChild("m", 0), nullptr);
   EXPECT_TRUE(events.events.empty());
-}
 
-TEST_F(PublisherStateTest, SecondMetricOfTheSameNameFailsAndChangesNothing) {
   const unsigned long first = Publish("m");
   events.events.clear();
   Metric::Description d;
@@ -137,7 +133,11 @@ TEST_F(PublisherStateTest, GroupOrderAndSetNamesAreReplacedWhole) {
 TEST_F(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAllBound) {
   const unsigned long a = Publish("a", {1, 2});
   const unsigned long shares = Publish("b", {2});
-  ASSERT_EQ(state->Unbind(shares, conduit, Bind(shares)), KT_STATUS_SUCCESS);
+  events.events.clear();
+  IBoundMetric* sharing = Bind(shares);
+  EXPECT_TRUE(Available(a)) << "a bound sibling sharing a set keeps it available";
+  EXPECT_TRUE(events.events.empty());
+  ASSERT_EQ(state->Unbind(shares, conduit, sharing), KT_STATUS_SUCCESS);
   EXPECT_TRUE(Available(a));
   const unsigned long other = Publish("c", {3});
   events.events.clear();
@@ -152,17 +152,6 @@ TEST_F(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAll
   EXPECT_EQ(Sorted(events.events), Sorted({{3, a}, {3, shares}}));
   EXPECT_TRUE(Available(a));
   EXPECT_TRUE(Available(other));
-}
-
-TEST_F(PublisherStateTest, BoundSiblingSharingASetKeepsTheMetricAvailable) {
-  const unsigned long a = Publish("a", {1, 2});
-  const unsigned long b = Publish("b", {2});
-  events.events.clear();
-
-  Bind(b);
-
-  EXPECT_TRUE(Available(a));
-  EXPECT_TRUE(events.events.empty());
 }
 
 TEST_F(PublisherStateTest, BindAttachesTheBufferAndUnbindGivesTheBoundMetricBack) {
@@ -182,24 +171,17 @@ TEST_F(PublisherStateTest, BindAttachesTheBufferAndUnbindGivesTheBoundMetricBack
   EXPECT_EQ(state->Unbind(0x1234, conduit, bound), KT_STATUS_INVALID_OBJECT);
 }
 
-TEST_F(PublisherStateTest, BindOfAMetricThatIsGoneUndoesThePublishersSide) {
+TEST_F(PublisherStateTest, BindOfAMetricThatIsGoneOrThatThePublisherRefusesFails) {
   IBoundMetric* bound = nullptr;
-
   EXPECT_EQ(state->Bind(0x1234, conduit, nullptr, &bound), KT_STATUS_OUT_OF_RESOURCES);
-
   EXPECT_EQ(bound, nullptr);
-  ASSERT_EQ(publisher.bound.size(), 1u);
+  ASSERT_EQ(publisher.bound.size(), 1u);  // the publisher's side is undone
   EXPECT_EQ(publisher.bound[0]->calls.back(), "detach " + std::to_string(conduit->GetHandle()));
   EXPECT_EQ(publisher.lastUnbound, publisher.bound[0].get());
-}
 
-TEST_F(PublisherStateTest, BindThatThePublisherRefusesFails) {
   const unsigned long m = Publish("m");
   publisher.refuseBinding = true;
-  IBoundMetric* bound = nullptr;
-
   EXPECT_EQ(state->Bind(m, conduit, nullptr, &bound), KT_STATUS_OUT_OF_RESOURCES);
-
   EXPECT_EQ(bound, nullptr);
   EXPECT_FALSE(MetricAt(m)->m_description.flags & Metric::kFlagBound);
 }

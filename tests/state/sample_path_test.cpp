@@ -40,11 +40,7 @@ class SamplePathTest : public ::testing::Test {
   }
 
   unsigned long PublishAndBind(const char* uri, unsigned int flags = 0) {
-    Metric::Description d;
-    d.uri = uri;
-    d.flags = flags;
-    unsigned long handle = 0;
-    EXPECT_EQ(publisherState->PublishMetric(d, &handle), KT_STATUS_SUCCESS);
+    const unsigned long handle = Published(publisherState, uri, flags);
     EXPECT_EQ(conduitState->Bind(publisherNode->GetChild(handle, 0), handle), KT_STATUS_SUCCESS);
     return handle;
   }
@@ -103,92 +99,6 @@ TEST_F(SamplePathTest, UnpublishingGivesTheBufferBackAndTheNextBindingReusesTheP
   EXPECT_NE(WriterOf(second), firstWriter) << "a returned buffer is the last to be reused";
 }
 
-TEST_F(SamplePathTest, TimeBasedSampleGoesStraightToTheConduitsConsumers) {
-  RecordingConsumer consumer;
-  Path* consumerNode = manager.registry.GetChild("consumers/k", kPathCreate);
-  new ConsumerState(&consumer, consumerNode);
-  conduitNode->GetChild("subscriptions", kPathCreate | kPathUnlisted)->AddSymlink(consumerNode);
-  const unsigned long metric = PublishAndBind("t", Metric::kFlagTimeBased);
-  IWriteBuffer* writer = WriterOf(metric);
-
-  void* block = writer->Reserve(4);
-  std::memcpy(block, "tick", 4);
-  writer->CommitTimeBasedMetric(block);
-
-  ASSERT_EQ(consumer.samples.size(), 1u);
-  EXPECT_EQ(consumer.samples[0].handle, metric);
-  EXPECT_EQ(consumer.samples[0].tag, 199u);
-  EXPECT_EQ(consumer.samples[0].data, block);
-  EXPECT_TRUE(manager.pushes.empty());
-}
-
-// With the manager's routing stood in, samples go through the conduit state's
-// push to the subscribed consumers, in every delivery form.
-class RoutedSamplePathTest : public SamplePathTest {
- protected:
-  RoutedSamplePathTest() {
-    manager.route = true;
-    Path* node = manager.registry.GetChild("consumers/k", kPathCreate);
-    new ConsumerState(&consumer, node);
-    EXPECT_EQ(conduitState->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
-  }
-  // What the client manager records when it subscribes a metric.
-  unsigned long Subscribed(const char* uri, unsigned long tag, unsigned int group = kUngrouped) {
-    const unsigned long metric = PublishAndBind(uri);
-    conduitState->m_tags.map[metric] = tag;
-    conduitState->m_groups.map[metric] = {publisherNode->GetHandle(), group};
-    if (group != kUngrouped) {
-      conduitState->m_groupTemplate[publisherNode->GetHandle()][group].insert(metric);
-      conduitState->m_groupExpected[publisherNode->GetHandle()][group].insert(metric);
-    }
-    return metric;
-  }
-  static std::string Text(const RecordingConsumer::Sample& sample) { return sample.bytes; }
-
-  RecordingConsumer consumer;
-};
-
-TEST_F(RoutedSamplePathTest, UngroupedAndGroupedSamplesReachTheConsumer) {
-  const unsigned long cpu = Subscribed("cpu", 1);
-  const unsigned long user = Subscribed("user", 2, 5);
-  const unsigned long system = Subscribed("system", 3, 5);
-
-  Write(WriterOf(cpu), "c");
-  Write(WriterOf(user), "u");
-  const size_t beforeGroupCompletes = consumer.calls.size();
-  Write(WriterOf(system), "s");
-
-  EXPECT_EQ(beforeGroupCompletes, 1u);
-  ASSERT_EQ(consumer.calls.size(), 2u);
-  EXPECT_EQ(Text(consumer.calls[0][0]), "c");
-  ASSERT_EQ(consumer.calls[1].size(), 2u);
-  EXPECT_EQ(Text(consumer.calls[1][0]), "u");
-  EXPECT_EQ(consumer.calls[1][1].tag, 3u);
-}
-
-TEST_F(RoutedSamplePathTest, BatchedSamplesGoToBatchedConsumersOneAtATime) {
-  class Batched : public IConsumer2 {
-   public:
-    void OnMetricUpdated(unsigned int, unsigned long*, const unsigned long*, const void**,
-                         unsigned long*) override {}
-    void OnBatchMetricUpdated(unsigned long, unsigned long tag, const void*) override {
-      tags.push_back(tag);
-    }
-    std::vector<unsigned long> tags;
-  } batched;
-  Path* node = manager.registry.GetChild("consumers/b", kPathCreate);
-  new ConsumerState(&batched, node);
-  ASSERT_EQ(conduitState->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
-  const unsigned long metric = Subscribed("batched", 8);
-  conduitState->AddBatchMetric(metric);
-
-  Write(WriterOf(metric), "1");
-  Write(WriterOf(metric), "2");
-
-  EXPECT_EQ(batched.tags, (std::vector<unsigned long>{8, 8}));
-  EXPECT_TRUE(consumer.calls.empty());
-}
-
 // Under this library's own manager a buffer hands its pushes straight to the
 // conduit state it was bound through; either may go first.
 class DirectSamplePathTest : public ::testing::Test {
@@ -203,9 +113,7 @@ class DirectSamplePathTest : public ::testing::Test {
     Path* consumerNode = registry.GetChild("consumers/k", kPathCreate);
     new ConsumerState(&consumer, consumerNode);
     EXPECT_EQ(state->Subscribe(consumerNode->GetHandle()), KT_STATUS_SUCCESS);
-    Metric::Description d;
-    d.uri = "cpu";
-    EXPECT_EQ(publisherState->PublishMetric(d, &metric), KT_STATUS_SUCCESS);
+    metric = Published(publisherState, "cpu");
     EXPECT_EQ(state->Bind(publisherNode->GetChild(metric, 0), metric), KT_STATUS_SUCCESS);
     state->m_tags.map[metric] = 9;
     state->m_groups.map[metric] = {publisherNode->GetHandle(), kUngrouped};

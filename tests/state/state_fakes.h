@@ -4,6 +4,8 @@
 #ifndef KT_TESTS_STATE_STATE_FAKES_H_
 #define KT_TESTS_STATE_STATE_FAKES_H_
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <utility>
@@ -12,9 +14,11 @@
 #include "kt/buffer.h"
 #include "kt/conduit.h"
 #include "kt/consumer.h"
+#include "kt/extension_manager.h"
 #include "kt/metric.h"
 #include "kt/probe.h"
 #include "registry/registry.h"
+#include "state/peer_state.h"
 #include "state/publisher_state.h"
 
 namespace MetricsFramework {
@@ -171,6 +175,33 @@ class AskedListenerConsumer : public RecordingConsumer {
   Listener listener;
 };
 
+// A consumer that takes batches: records each as (handle, tag, first text).
+class BatchedConsumer : public IConsumer2 {
+ public:
+  struct Batch {
+    unsigned long handle;
+    unsigned long tag;
+    std::string first;
+  };
+  void OnMetricUpdated(unsigned int, unsigned long*, const unsigned long*, const void**,
+                       unsigned long*) override {}
+  void OnBatchMetricUpdated(unsigned long handle, unsigned long tag, const void* data) override {
+    batches.push_back({handle, tag, data != nullptr ? static_cast<const char*>(data) : ""});
+  }
+  std::vector<Batch> batches;
+};
+
+// The far side of a peer mount: hands out a client manager and counts its
+// releases.
+class FakePeer : public IPeer {
+ public:
+  explicit FakePeer(IClientManager* clientManager = nullptr) : clientManager(clientManager) {}
+  void Release() override { ++releases; }
+  IClientManager* GetClientManager() override { return clientManager; }
+  IClientManager* clientManager;
+  int releases = 0;
+};
+
 // Keeps the state events the registry sends, as (event, handle).
 struct EventLog {
   static void Record(void* context, unsigned int event, unsigned long a, unsigned long) {
@@ -181,6 +212,31 @@ struct EventLog {
 };
 
 using Events = std::vector<std::pair<unsigned int, unsigned long>>;
+
+// The two refusals the tables name most.
+constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
+constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
+
+// Publishes the metric `uri` with `flags` through a publisher's state, or
+// through a manager for `owner`; the metric's handle.
+inline unsigned long Published(PublisherState* state, const std::string& uri,
+                               unsigned int flags = 0) {
+  Metric::Description d;
+  d.uri = uri;
+  d.flags = flags;
+  unsigned long handle = 0;
+  EXPECT_EQ(state->PublishMetric(d, &handle), KT_STATUS_SUCCESS) << uri;
+  return handle;
+}
+inline unsigned long Published(IExtensionManager& manager, IPublisher* owner,
+                               const std::string& uri, unsigned int flags = 0) {
+  Metric::Description d;
+  d.uri = uri;
+  d.flags = flags;
+  unsigned long handle = 0;
+  EXPECT_EQ(manager.PublishMetric(owner, d, &handle), KT_STATUS_SUCCESS) << uri;
+  return handle;
+}
 
 // A description with every field set, named `uri`.
 inline Metric::Description FullDescription(const std::string& uri, unsigned int flags = 0) {

@@ -86,6 +86,8 @@ struct RefusalCase {
   const char* argument;  // "(none)" when the refusal names no argument
 };
 
+constexpr const char* kNone = "(none)";
+
 // Runs every row; a failure names the row's entry.
 inline void ExpectRefusals(const std::vector<RefusalCase>& cases) {
   for (const RefusalCase& c : cases) {
@@ -97,5 +99,9 @@ inline void ExpectRefusals(const std::vector<RefusalCase>& cases) {
 
 }  // namespace testing_fakes
 }  // namespace MetricsFramework
+
+// A row named by the text of its call.
+#define REFUSAL(call, status, argument) \
+  ::MetricsFramework::testing_fakes::RefusalCase{#call, [&] { return call; }, status, argument}
 
 #endif  // KT_TESTS_SUPPORT_LIVE_MANAGER_H_

@@ -49,9 +49,7 @@ class ConduitBadInputTest : public ::testing::Test {
   ConduitBadInputTest() {
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
-    Metric::Description desc;
-    desc.uri = "m";
-    EXPECT_EQ(host.manager.PublishMetric(&publisher, desc, &metric), KT_STATUS_SUCCESS);
+    metric = Published(host.manager, &publisher, "m");
   }
   FakePublisher publisher;
   RecordingConsumer consumer;

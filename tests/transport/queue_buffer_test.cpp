@@ -13,6 +13,7 @@
 #include "kt/consumer.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
+#include "state/state_fakes.h"
 #include "transport/local_conduit.h"
 
 namespace MetricsFramework {
@@ -36,23 +37,8 @@ namespace {
 
 constexpr unsigned long kBinding = 42;
 using testing_fakes::FakeManager;
+using testing_fakes::RecordingConsumer;
 typedef unsigned long Handle;
-
-// Records the first entry of every update.
-class RecordingConsumer : public IConsumer {
- public:
-  struct Call {
-    unsigned int count;
-    Handle handle, tag;
-    const void* data;
-    unsigned long* sizes;
-  };
-  void OnMetricUpdated(unsigned int count, Handle* handles, const Handle* tags, const void** data,
-                       unsigned long* sizes) override {
-    calls.push_back({count, handles[0], tags[0], data[0], sizes});
-  }
-  std::vector<Call> calls;
-};
 
 class QueueBufferTest : public ::testing::Test {
  protected:
@@ -98,6 +84,12 @@ class QueueBufferTest : public ::testing::Test {
 };
 
 TEST_F(QueueBufferTest, ArenasAreCarvedInOrderAndAddedAtLargestPlusRequestPlusOne) {
+  auto grown = Make(1024);  // a first block larger than the arena: it is accounted for
+  auto* first = static_cast<unsigned char*>(grown->Reserve(2000));
+  EXPECT_EQ(Arenas(*grown), std::vector<size_t>{3024});
+  EXPECT_EQ(first, QueueBufferInspector::Start(*grown, 0));
+  EXPECT_EQ(grown->Reserve(10), first + 2000);
+
   auto buffer = Make(1024);
   auto* start = static_cast<unsigned char*>(buffer->Reserve(256));
   for (int i = 1; i < 4; ++i) EXPECT_EQ(buffer->Reserve(256), start + 256 * i);
@@ -108,49 +100,18 @@ TEST_F(QueueBufferTest, ArenasAreCarvedInOrderAndAddedAtLargestPlusRequestPlusOn
   auto empty = Make(0);
   empty->Reserve(100);
   EXPECT_EQ(Arenas(*empty), std::vector<size_t>{101});
-}
 
-TEST_F(QueueBufferTest, GrownArenaAccountsForItsFirstBlock) {
-  auto buffer = Make(1024);
-  auto* first = static_cast<unsigned char*>(buffer->Reserve(2000));
-  EXPECT_EQ(Arenas(*buffer), std::vector<size_t>{3024});
-  EXPECT_EQ(first, QueueBufferInspector::Start(*buffer, 0));
-  EXPECT_EQ(buffer->Reserve(10), first + 2000);
-}
-
-TEST_F(QueueBufferTest, ReserveUsesOnlyTheLow32BitsOfTheSize) {
-  auto buffer = Make(1024);
-  auto* first = static_cast<unsigned char*>(buffer->Reserve(0x100000010ul));
-  buffer->Commit(first);
+  auto wide = Make(1024);  // only the low 32 bits of a size count
+  auto* block = static_cast<unsigned char*>(wide->Reserve(0x100000010ul));
+  wide->Commit(block);
   const void* data = nullptr;
   unsigned long size = 0;
-  buffer->GetData(&data, &size);
+  wide->GetData(&data, &size);
   EXPECT_EQ(size, 16u);
-  EXPECT_EQ(buffer->Reserve(1), first + 16);
+  EXPECT_EQ(wide->Reserve(1), block + 16);
 }
 
-TEST_F(QueueBufferTest, SamplesAreReadOldestFirstAndEmptyReadsYieldNothing) {
-  auto buffer = Make(1024);
-  int foreign = 0;
-  buffer->Commit(&foreign);
-  buffer->Commit(static_cast<char*>(buffer->Reserve(8)) + 1);  // inside a block
-  EXPECT_EQ(Oldest(*buffer), nullptr);  // also: null size pointer on an empty queue
-  Write(*buffer, "one");
-  Write(*buffer, "two");
-  EXPECT_EQ(Take(*buffer), "one");
-  EXPECT_EQ(Take(*buffer), "two");
-
-  const void* data = &foreign;
-  unsigned long size = 7;
-  buffer->GetData(&data, &size);
-  EXPECT_EQ(data, nullptr);
-  EXPECT_EQ(size, 0u);
-  size = 7;
-  buffer->GetData(nullptr, &size);
-  EXPECT_EQ(size, 0u);
-}
-
-TEST_F(QueueBufferTest, RecommittedBlockMovesToTheBackAndIsStillReleasable) {
+TEST_F(QueueBufferTest, SamplesAreReadOldestFirstAndARecommittedBlockMovesToTheBack) {
   auto buffer = Make(1024);
   void* a = Write(*buffer, "a");
   Write(*buffer, "b");
@@ -158,7 +119,9 @@ TEST_F(QueueBufferTest, RecommittedBlockMovesToTheBackAndIsStillReleasable) {
   EXPECT_EQ(Take(*buffer), "b");
   EXPECT_EQ(Take(*buffer), "a");
   EXPECT_EQ(Oldest(*buffer), nullptr);
-  EXPECT_EQ(buffer->Reserve(1), a);  // all released: the arena rewound
+  EXPECT_EQ(buffer->Reserve(8), a);  // all released: the arena rewound
+  buffer->Commit(static_cast<char*>(a) + 1);  // inside a block: ignored
+  EXPECT_EQ(Oldest(*buffer), nullptr);
 }
 
 TEST_F(QueueBufferTest, LastReleaseRewindsAnArenaAndDropsItWhenOthersRemain) {
@@ -211,7 +174,7 @@ TEST_F(QueueBufferTest, DeepQueueSurvivesRingAndArenaGrowthInCommitOrder) {
   EXPECT_EQ(taken, expected);
 }
 
-TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushAddsNothing) {
+TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushDrainsWhatIsQueued) {
   auto buffer = Make(1024, QueueBuffer::kPushOnCommit);
   Write(*buffer, "a");
   Write(*buffer, "b");
@@ -221,29 +184,25 @@ TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushAddsNothing) {
   EXPECT_EQ(manager.pushes[0].binding, kBinding);
   EXPECT_EQ(manager.pushes[0].sample, "a");
   EXPECT_EQ(manager.pushes[1].sample, "b");
+
+  auto queued = Make(1024);  // without push on commit, Flush drains the queue
+  for (const char* text : {"c", "d", "e"}) Write(*queued, text);
+  EXPECT_EQ(manager.pushes.size(), 2u);
+  queued->Flush();
+  ASSERT_EQ(manager.pushes.size(), 5u);
+  EXPECT_EQ(manager.pushes[4].sample, "e");
+  EXPECT_EQ(Oldest(*queued), nullptr);
+  manager.drain = false;  // and stops when a push takes nothing
+  Write(*queued, "f");
+  queued->Flush();
+  EXPECT_EQ(manager.pushes.size(), 6u);
+
+  auto unbound = Make(1024, QueueBuffer::kPushOnCommit, 0);
+  Write(*unbound, "c");
+  EXPECT_EQ(unbound->Push(), KT_STATUS_SUCCESS);
+  EXPECT_EQ(manager.pushes.size(), 6u) << "an unbound buffer pushes nothing";
 }
 
-TEST_F(QueueBufferTest, FlushDrainsTheQueueAndStopsWhenAPushTakesNothing) {
-  auto buffer = Make(1024);
-  for (const char* text : {"a", "b", "c"}) Write(*buffer, text);
-  EXPECT_TRUE(manager.pushes.empty());
-  buffer->Flush();
-  ASSERT_EQ(manager.pushes.size(), 3u);
-  EXPECT_EQ(manager.pushes[2].sample, "c");
-  EXPECT_EQ(Oldest(*buffer), nullptr);
-
-  manager.drain = false;
-  Write(*buffer, "d");
-  buffer->Flush();
-  EXPECT_EQ(manager.pushes.size(), 4u);
-}
-
-TEST_F(QueueBufferTest, UnboundBufferPushesNothing) {
-  auto buffer = Make(1024, QueueBuffer::kPushOnCommit, 0);
-  Write(*buffer, "a");
-  EXPECT_EQ(buffer->Push(), KT_STATUS_SUCCESS);
-  EXPECT_TRUE(manager.pushes.empty());
-}
 
 TEST_F(QueueBufferTest, ResetEmptiesTheQueueAndRebindsWhereClearKeepsIt) {
   manager.drain = false;
@@ -274,11 +233,12 @@ TEST_F(QueueBufferTest, TimeBasedSampleReachesConsumersWithTag199AndIsReleased) 
   buffer->CommitTimeBasedMetric(block);
 
   ASSERT_EQ(consumer.calls.size(), 1u);
-  EXPECT_EQ(consumer.calls[0].count, 1u);
-  EXPECT_EQ(consumer.calls[0].handle, kBinding);
-  EXPECT_EQ(consumer.calls[0].tag, 199u);
-  EXPECT_EQ(consumer.calls[0].data, block);
-  EXPECT_EQ(consumer.calls[0].sizes, nullptr);
+  ASSERT_EQ(consumer.calls[0].size(), 1u);
+  EXPECT_EQ(consumer.samples[0].handle, kBinding);
+  EXPECT_EQ(consumer.samples[0].tag, 199u);
+  EXPECT_EQ(consumer.samples[0].data, block);
+  EXPECT_TRUE(consumer.samples[0].withoutSizes);
+  EXPECT_TRUE(manager.pushes.empty()) << "straight to the consumers, not through the manager";
   EXPECT_EQ(Oldest(*buffer), nullptr);
   EXPECT_EQ(buffer->Reserve(8), block);  // released: the arena rewound
 
