@@ -12,9 +12,11 @@
 #ifndef KT_BUFFER_H_
 #define KT_BUFFER_H_
 
+#include "kt/visibility.h"
+
 namespace MetricsFramework {
 
-class IReadBuffer {
+class KT_EXPORT IReadBuffer {
  public:
   // Slot 0: the oldest committed block and its size; null and 0 when there is
   // none. The block stays queued until MakeAvailable. The library's buffers
@@ -27,7 +29,7 @@ class IReadBuffer {
   virtual ~IReadBuffer() {}  // slots 2, 3
 };
 
-class IWriteBuffer {
+class KT_EXPORT IWriteBuffer {
  public:
   // Slot 0: delivers what has been committed.
   virtual void Flush() = 0;
@@ -45,7 +47,7 @@ class IWriteBuffer {
 };
 
 // Both faces of one buffer; IReadBuffer is the first base.
-class IReadWriteBuffer : public IReadBuffer, public IWriteBuffer {
+class KT_EXPORT IReadWriteBuffer : public IReadBuffer, public IWriteBuffer {
  public:
   ~IReadWriteBuffer() override {}
 };

@@ -13,10 +13,11 @@
 #include "kt/buffer.h"
 #include "kt/extension.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
-class IConduit : public virtual IKTExtensionBase {
+class KT_EXPORT IConduit : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "IConduit" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.

@@ -25,6 +25,7 @@
 
 #include "kt/lock.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -32,7 +33,7 @@ class IClientManager;
 class IExtensionManager;
 class IExtensionLoader;
 
-class IExtension {
+class KT_EXPORT IExtension {
  public:
   // Slot 0: the face named `name`, or null when the object has none or
   // `name` is null.
@@ -52,7 +53,7 @@ struct ExtensionBinaryDesc {
 static_assert(offsetof(ExtensionBinaryDesc, m_descriptor) == 256,
               "the manager reads the descriptor word at byte 256");
 
-class IKTExtensionBase : public IExtension {
+class KT_EXPORT IKTExtensionBase : public IExtension {
  public:
   IKTExtensionBase()
       : m_extensionManager(nullptr), m_clientManager(nullptr), m_handle(0), m_loader(nullptr) {}
@@ -105,7 +106,7 @@ class IKTExtensionBase : public IExtension {
 // The host's loader of extension modules. The library calls only
 // AddExtension (the eighth entry of the table) and RemoveExtension (the
 // ninth); the others belong to the host.
-class IExtensionLoader {
+class KT_EXPORT IExtensionLoader {
  public:
   virtual ~IExtensionLoader() {}                                        // entries 1, 2
   virtual KT_STATUS LoadModule(const char* path) = 0;                   // entry 3

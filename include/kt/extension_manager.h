@@ -16,6 +16,7 @@
 
 #include "kt/extension.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -29,7 +30,7 @@ class IReadBuffer;
 class IWriteBuffer;
 struct ProbeDesc;
 
-class IExtensionHandler : public IExtension {
+class KT_EXPORT IExtensionHandler : public IExtension {
  public:
   // Slot 0: CastTo (IExtension); slots 1, 2: destructors.
   ~IExtensionHandler() override {}
@@ -46,7 +47,7 @@ class IExtensionHandler : public IExtension {
                            IExtension* extension, IExtensionLoader* loader) = 0;
 };
 
-class IExtensionManager : public IExtensionHandler {
+class KT_EXPORT IExtensionManager : public IExtensionHandler {
  public:
   ~IExtensionManager() override {}
 
@@ -106,6 +107,6 @@ class IExtensionManager : public IExtensionHandler {
 
 // The process-wide extension manager: null until the host has called the
 // factory of the export table's first row.
-MetricsFramework::IExtensionManager* GetExtensionManager();
+KT_EXPORT MetricsFramework::IExtensionManager* GetExtensionManager();
 
 #endif  // KT_EXTENSION_MANAGER_H_

@@ -10,10 +10,11 @@
 #include <cstring>
 
 #include "kt/extension.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
-class ILogger : public virtual IKTExtensionBase {
+class KT_EXPORT ILogger : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "ILogger" with this object and "IKTExtensionBase" and
   // "IExtension" with its extension base.

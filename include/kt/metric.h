@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "kt/visibility.h"
+
 namespace MetricsFramework {
 
 class Path;
@@ -68,7 +70,7 @@ static_assert(offsetof(Description, flags) == 4 && offsetof(Description, list1) 
 // Called on the thread that changed the metric's availability, while the read
 // lock of the registry's "consumers" branch is held: a listener must not add or
 // remove consumers from inside the call.
-class IMetricStateListener {
+class KT_EXPORT IMetricStateListener {
  public:
   // Slot 0: the framework's interface query; the library never calls it here.
   virtual void* CastTo(const char* name) = 0;

@@ -10,6 +10,7 @@
 
 #include "kt/publisher.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -26,7 +27,7 @@ namespace Metrics {
 enum EventType : unsigned int { kEventNone = 0 };
 enum CommandListState : unsigned int { kCommandListIdle = 0 };
 
-class IProbe {
+class KT_EXPORT IProbe {
  public:
   virtual ~IProbe() {}  // entries 1, 2
   // Entry 3: a probed event begins.
@@ -41,7 +42,7 @@ class IProbe {
 
 }  // namespace Metrics
 
-class IProbePublisher : public IPublisher {
+class KT_EXPORT IProbePublisher : public IPublisher {
  public:
   void* CastTo(const char* name) override {
     if (name == nullptr) return nullptr;

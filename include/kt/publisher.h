@@ -23,12 +23,13 @@
 
 #include "kt/buffer.h"
 #include "kt/extension.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
 class Path;
 
-class IBoundMetric {
+class KT_EXPORT IBoundMetric {
  public:
   virtual ~IBoundMetric() {}  // slots 0, 1
   // Slot 2: the write side of the binding's buffer for the conduit
@@ -44,7 +45,7 @@ class IBoundMetric {
   virtual void Flush(unsigned long conduitHandle) = 0;
 };
 
-class IPublisher : public virtual IKTExtensionBase {
+class KT_EXPORT IPublisher : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "IPublisher" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.

@@ -20,6 +20,7 @@
 
 #include "kt/buffer.h"
 #include "kt/extension.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -40,7 +41,7 @@ static_assert(offsetof(RemoteMethodDesc, m_name) == 0 &&
                   offsetof(RemoteMethodDesc, m_outputCount) == 516,
               "name at 0, words at 384 and 516, the unread block at 388");
 
-class IRemoteMethod : public virtual IKTExtensionBase {
+class KT_EXPORT IRemoteMethod : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "IRemoteMethod" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base, and null for any other name.
