@@ -24,6 +24,7 @@
 #include "kt/metric.h"
 #include "kt/probe.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -31,14 +32,28 @@ namespace MetricsFramework {
 struct ResourceInfo {
   std::string name;      // the node's own name
   unsigned long data;    // the payload's data word (the module's descriptor word)
-  unsigned long kind;    // the payload's resource type (4 or 8 metric, 32 publisher, ...)
+  unsigned long kind;    // the payload's resource type: a ResourceKind
   unsigned long parent;  // the parent's handle; 0 at the root
   unsigned long target;  // the handle of the node the payload designates; 0 if none
 };
 static_assert(sizeof(ResourceInfo) == 64, "a resource description is 64 bytes");
 
+// Values of ResourceInfo::kind. A node without a payload of its own (a
+// branch such as "publishers") is a plain node.
+enum ResourceKind : unsigned long {
+  kResourceConsumer = 1,
+  kResourceMetric = 4,        // an ordinary metric
+  kResourceProbeMetric = 8,   // a probe metric (Metric::kFlagProbe); GetMetrics lists these
+  kResourceNode = 16,         // a plain node
+  kResourcePublisher = 32,
+  kResourceRemoteMethod = 128,
+  kResourceProbe = 256,       // a probe type, and each probe made of it
+  kResourceBinding = 512,     // a metric bound to a conduit
+  kResourcePeer = ~0ul,       // another process's registry, mounted under "peers"
+};
+
 // Told about every element of a batch subscription that failed.
-class IClientManagerErrorListener {
+class KT_EXPORT IClientManagerErrorListener {
  public:
   // Slot 0: the metric `metric` failed with `status` (never 0).
   virtual void OnError(unsigned long metric, unsigned int status) = 0;
@@ -47,7 +62,7 @@ class IClientManagerErrorListener {
   ~IClientManagerErrorListener() = default;
 };
 
-class IClientManager : public IExtension {
+class KT_EXPORT IClientManager : public IExtension {
  public:
   // Slot 0: answers "IClientManager" and "IExtension" with this object.
   void* CastTo(const char* name) override {
