@@ -108,10 +108,11 @@ template <typename Call>
 KT_STATUS DefaultExtensionManager::CallInto(const char* name, const char* call, Call&& body) {
   std::string what;
   if (CallExtension(body, &what)) return KT_STATUS_SUCCESS;
-  // The loggers hear of it too, unless it was a logger that threw.
-  if (std::strcmp(call, "Log") != 0) {
-    Log(1, "DefaultExtensionManager", "%s threw from %s: %s", name, call, what.c_str());
-  }
+  // The loggers hear of it too, since the global Logger keeps nothing; a
+  // logger that throws as well is not heard.
+  std::string ignored;
+  CallExtension([&] { Log(1, "DefaultExtensionManager", "%s threw from %s: %s", name, call,
+                          what.c_str()); }, &ignored);
   return Fail(KT_STATUS_INVALID_OPERATION, call, name, ": ", what.c_str());
 }
 
@@ -328,17 +329,15 @@ KT_STATUS DefaultExtensionManager::Log(unsigned int level, const char*, const ch
 
   // ForEachChild holds the branch's read lock while the loggers run and
   // releases it also when one of them throws; removing a logger waits for it.
-  // A logger that throws misses this line; the others still get it.
-  KT_STATUS status = KT_STATUS_SUCCESS;
+  // ForEachChild holds the branch's read lock while the loggers run and
+  // releases it also when one of them throws; removing a logger waits for it.
+  // Intended: what a logger throws reaches Log's caller, whose own call into
+  // the library it then is.
   loggers->ForEachChild([&](Path* child) {
     auto* state = dynamic_cast<LoggerState*>(child->GetPayload());
-    if (state == nullptr || state->GetLogger() == nullptr) return;
-    ILogger* logger = state->GetLogger();
-    const KT_STATUS delivered =
-        CallInto(child->GetName().c_str(), "Log", [&] { logger->Log(level, line); });
-    if (status == KT_STATUS_SUCCESS) status = delivered;
+    if (state != nullptr && state->GetLogger() != nullptr) state->GetLogger()->Log(level, line);
   });
-  return status;
+  return KT_STATUS_SUCCESS;
 }
 
 PublisherState* DefaultExtensionManager::PublisherStateOf(IPublisher* publisher) {

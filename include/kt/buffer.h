@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // The buffer interfaces through which samples and remote calls travel.
 //
 // A writer reserves space, fills it and commits it; committed blocks queue up

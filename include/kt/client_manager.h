@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IClientManager: how a client (a tool that reads metrics) browses the
 // registry, subscribes consumers to metrics, drives probes and calls remote
 // methods, in this process or, through a proxy, in another.
@@ -7,9 +9,19 @@
 // KT_STATUS (0 on success) and writes its out-parameters only on success. A
 // handle of another registry is unknown unless that registry's process is
 // mounted under "peers", whose client manager then answers. Arrays must hold
-// the count they are passed with. The client manager may be called from any
-// thread; its synchronisation is the registry's. The slot numbers are a binary contract: never insert, remove or
-// reorder.
+// the count they are passed with.
+//
+// Ownership: the host makes the client manager through the second row of the
+// library's export table, owns it and destroys it before the extension
+// manager. Everything an operation copies out (descriptions, names, vectors)
+// is the caller's; the consumers and probes it names stay their owners'.
+//
+// Threads: the client manager may be called from any thread; its
+// synchronisation is the registry's. Operations that reach into extensions
+// (subscribing binds the metric at its publisher, probes, remote methods)
+// make those calls on the caller's thread; an extension that throws fails the
+// operation with KT_STATUS_INVALID_OPERATION. The slot numbers are a binary
+// contract: never insert, remove or reorder.
 #ifndef KT_CLIENT_MANAGER_H_
 #define KT_CLIENT_MANAGER_H_
 
@@ -89,9 +101,12 @@ class KT_EXPORT IClientManager : public IExtension {
   // 0; KT_STATUS_INVALID_OBJECT for an unknown `parent`.
   virtual KT_STATUS GetChildren(unsigned long parent, unsigned long* out_children,
                                 unsigned int count) const = 0;
-  // Slot 6: appends every metric below `handle` with its description; with
-  // `out_groups` and `out_sets`, also the publishers' group orders and set
-  // names. KT_STATUS_INVALID_OBJECT for an unknown `handle`.
+  // Slot 6: appends each node of kind kResourceProbeMetric (8) below `handle`
+  // with its description, walking every other node depth first; ordinary
+  // metrics (kind 4) are not listed (walk the tree with GetChildren and
+  // GetResourceInfo to find those). With `out_groups` and `out_sets`, also
+  // the group orders and set names of the publishers met. Never clears
+  // `out_metrics`. KT_STATUS_INVALID_OBJECT for an unknown `handle`.
   virtual KT_STATUS GetMetrics(
       unsigned long handle,
       std::vector<std::pair<unsigned long, Metric::Description>>& out_metrics,

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IConsumer, the extension that receives metric samples, and IConsumer2, which
 // also takes batched samples one at a time.
 //

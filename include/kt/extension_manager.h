@@ -1,12 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IExtensionHandler, which accepts extensions, and IExtensionManager, through
 // which extensions publish metrics and probe types, push samples, dispatch
 // remote calls and log.
 //
-// The host adds every extension with Add and removes it with Remove, both from
-// its loading thread. The publishing and routing operations may be called from
-// the extensions' own threads; each returns a KT_STATUS (0 on success) and
-// writes its out-parameters only on success. The slot numbers in the comments
-// are a binary contract: never insert, remove or reorder.
+// Ownership: the host makes the manager through the first row of the
+// library's export table and owns it; it must remove every extension, then
+// destroy the client manager, then the manager. The manager never owns an
+// extension: the host keeps each alive from Add until its Remove has returned.
+// Everything the manager files for an extension (its node, its metrics, its
+// probe types) goes with Remove.
+//
+// Threads: the host adds every extension with Add and removes it with Remove,
+// both from its loading thread. The publishing and routing operations may be
+// called from the extensions' own threads at the same time; each returns a
+// KT_STATUS (0 on success) and writes its out-parameters only on success. An
+// extension that throws from a call the manager makes into it while it files,
+// removes or runs it (Load, OnLoad, OnUnload, Unload, a method's Run) fails
+// that call with KT_STATUS_INVALID_OPERATION and one log line. A logger that
+// throws from Log throws to Log's caller. The slot numbers in the comments are a binary contract: never
+// insert, remove or reorder.
 #ifndef KT_EXTENSION_MANAGER_H_
 #define KT_EXTENSION_MANAGER_H_
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // ILogger: the extension interface through which the extension manager's Log
 // delivers formatted lines.
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // Thread and process helpers exported by the library with C linkage.
 //
 // Hosts and extensions may call them from any thread; none of them keeps state.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IPublisher, the extension that publishes metrics, and IBoundMetric, the
 // object through which a publisher writes one metric's samples into the buffer
 // of one conduit.
@@ -37,9 +39,11 @@ class KT_EXPORT IBoundMetric {
   virtual void AttachBuffer(unsigned long conduitHandle, IWriteBuffer* buffer) = 0;
   // Slot 3: stop writing into the buffer of `conduitHandle`.
   virtual void DetachBuffer(unsigned long conduitHandle) = 0;
-  // Slot 4: the handle of the metric this object writes.
+  // Slot 4: the handle of the metric this object writes. The library never
+  // calls it.
   virtual unsigned long GetMetricHandle() = 0;
-  // Slot 5: whether a buffer of `conduitHandle` is attached.
+  // Slot 5: whether a buffer of `conduitHandle` is attached. The library never
+  // calls it.
   virtual bool IsAttached(unsigned long conduitHandle) = 0;
   // Slot 6: write out what is held for `conduitHandle`.
   virtual void Flush(unsigned long conduitHandle) = 0;

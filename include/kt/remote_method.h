@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IRemoteMethod: the extension interface of a method that answers calls
 // arriving as buffers, and RemoteMethodDesc, the record a method describes
 // itself with.

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "kt/consumer.h"
-#include "kt/logger.h"
 #include "kt/metric.h"
 #include "kt/probe.h"
 #include "support/live_manager.h"
@@ -42,15 +41,14 @@ class NullBound : public IBoundMetric {
   void Flush(unsigned long) override {}
 };
 
-// A publisher of one metric "m" and one probe type "p", a consumer and a
-// logger in one object: every role whose calls the library guards.
-class ThrowingExtension : public IProbePublisher, public IConsumer, public ILogger {
+// A publisher of one metric "m" and one probe type "p" and a consumer in one
+// object: the roles whose calls the library guards.
+class ThrowingExtension : public IProbePublisher, public IConsumer {
  public:
   void* CastTo(const char* name) override {
     Throw("CastTo");
     if (void* face = IProbePublisher::CastTo(name)) return face;
-    if (void* face = IConsumer::CastTo(name)) return face;
-    return ILogger::CastTo(name);
+    return IConsumer::CastTo(name);
   }
   void Load(IExtensionManager* manager, IClientManager* client, unsigned long handle,
             IExtensionLoader* loader) override {
@@ -82,7 +80,6 @@ class ThrowingExtension : public IProbePublisher, public IConsumer, public ILogg
   }
   void OnMetricUpdated(unsigned int, unsigned long*, const unsigned long*, const void**,
                        unsigned long*) override {}
-  void Log(unsigned int, const char*) override { Throw("Log"); }
 
   std::string throwing;
 
@@ -129,7 +126,6 @@ TEST_F(ExtensionThrowTest, AThrowFailsTheCallAndTheHostGoesOn) {
       {"OnLoad", none, add},
       {"OnUnload", add, remove},
       {"Unload", add, remove},
-      {"Log", add, [&] { return live.manager.Log(1, "test", "line"); }},
       {"BindMetric", add, [&] { return Subscribe(); }},
       {"UnbindMetric", [&] { return add() | Subscribe(); },
        [&] { return live.client->UnsubscribeMetric(Handle("consumers/x"), Handle("publishers/x/m")); }},
