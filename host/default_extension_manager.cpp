@@ -248,8 +248,9 @@ KT_STATUS DefaultExtensionManager::Remove(const ExtensionBinaryDesc&, const char
   // A throw of the extension's own unload calls does not stop the removal:
   // its nodes go all the same, and the status tells the host.
   KT_STATUS status = KT_STATUS_SUCCESS;
+  const char* shown = name != nullptr ? name : "";
   const KT_STATUS thrown =
-      CallInto(name != nullptr ? name : "", "Remove", [&] { status = RemoveRoles(name, extension); });
+      CallInto(shown, "Remove", [&] { status = RemoveRoles(name, extension); });
   return thrown != KT_STATUS_SUCCESS ? thrown : status;
 }
 
@@ -329,10 +330,7 @@ KT_STATUS DefaultExtensionManager::Log(unsigned int level, const char*, const ch
 
   // ForEachChild holds the branch's read lock while the loggers run and
   // releases it also when one of them throws; removing a logger waits for it.
-  // ForEachChild holds the branch's read lock while the loggers run and
-  // releases it also when one of them throws; removing a logger waits for it.
-  // Intended: what a logger throws reaches Log's caller, whose own call into
-  // the library it then is.
+  // Intended: what a logger throws reaches Log's caller.
   loggers->ForEachChild([&](Path* child) {
     auto* state = dynamic_cast<LoggerState*>(child->GetPayload());
     if (state != nullptr && state->GetLogger() != nullptr) state->GetLogger()->Log(level, line);

@@ -10,6 +10,8 @@
 #include "kt/consumer.h"
 #include "kt/metric.h"
 #include "kt/probe.h"
+#include "kt/remote_method.h"
+#include "state/state_fakes.h"
 #include "support/live_manager.h"
 
 namespace MetricsFramework {
@@ -41,14 +43,15 @@ class NullBound : public IBoundMetric {
   void Flush(unsigned long) override {}
 };
 
-// A publisher of one metric "m" and one probe type "p" and a consumer in one
-// object: the roles whose calls the library guards.
-class ThrowingExtension : public IProbePublisher, public IConsumer {
+// A publisher of one metric "m" and one probe type "p", a consumer and a
+// remote method in one object: the roles whose calls the library guards.
+class ThrowingExtension : public IProbePublisher, public IConsumer, public IRemoteMethod {
  public:
   void* CastTo(const char* name) override {
     Throw("CastTo");
     if (void* face = IProbePublisher::CastTo(name)) return face;
-    return IConsumer::CastTo(name);
+    if (void* face = IConsumer::CastTo(name)) return face;
+    return IRemoteMethod::CastTo(name);
   }
   void Load(IExtensionManager* manager, IClientManager* client, unsigned long handle,
             IExtensionLoader* loader) override {
@@ -78,6 +81,11 @@ class ThrowingExtension : public IProbePublisher, public IConsumer {
     Throw("CreateProbe");
     return &m_probe;
   }
+  bool Run(const IReadBuffer*, IWriteBuffer*) override {
+    Throw("Run");
+    return true;
+  }
+  void GetRemoteMethodDesc(RemoteMethodDesc&) override {}
   void OnMetricUpdated(unsigned int, unsigned long*, const unsigned long*, const void**,
                        unsigned long*) override {}
 
@@ -106,6 +114,7 @@ class ExtensionThrowTest : public ::testing::Test {
   }
 
   unsigned long probe = 0;
+  testing_fakes::FakeBuffer buffer;
 
   LiveManager live;
   ThrowingExtension extension;
@@ -130,6 +139,8 @@ TEST_F(ExtensionThrowTest, AThrowFailsTheCallAndTheHostGoesOn) {
       {"UnbindMetric", [&] { return add() | Subscribe(); },
        [&] { return live.client->UnsubscribeMetric(Handle("consumers/x"), Handle("publishers/x/m")); }},
       {"CreateProbe", add, [&] { return CreateProbe(); }},
+      {"Run", add,
+       [&] { return live.manager.DispatchRemoteMethod(Handle("methods/x"), &buffer, &buffer); }},
       {"Begin", [&] { return add() | CreateProbe(); },
        [&] { return live.client->BeginProbe(probe, 0, 0, Metrics::kEventNone, nullptr); }},
   };
