@@ -1,8 +1,11 @@
 #include "client/default_client_manager.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <string>
 #include <vector>
 
+#include "client/extension_call.h"
 #include "client/metric_batch.h"
 #include "host/diagnostics.h"
 #include "host/logger.h"
@@ -36,6 +39,22 @@ State* StateAt(Path* node) {
 Path* NamedChild(Registry& registry, const char* branch, const char* name) {
   Path* parent = registry.GetChild(branch, 0);
   return parent != nullptr ? parent->GetChildNamed(name, 0) : nullptr;
+}
+
+// Runs `body`, the client call `call` about `handle`, which reaches into
+// extensions (publishers, conduits, methods, probes). When one of them throws,
+// the call fails with KT_STATUS_INVALID_OPERATION and one log line naming the
+// call and the node (or, for a probe, the address) it was about.
+template <typename Body>
+KT_STATUS Guarded(Registry& registry, const char* call, unsigned long handle, Body&& body) {
+  KT_STATUS status = KT_STATUS_SUCCESS;
+  std::string what;
+  if (CallExtension([&] { status = body(); }, &what)) return status;
+  Path* node = registry.ResolveHandle(handle);
+  char shown[24];
+  std::snprintf(shown, sizeof shown, "0x%lx", handle);
+  return Fail(KT_STATUS_INVALID_OPERATION, call, node != nullptr ? node->GetName().c_str() : shown,
+              ": ", what.c_str());
 }
 
 IClientManager* ClientManagerOf(PeerState* peer) {
@@ -329,11 +348,15 @@ KT_STATUS DefaultClientManager::AddPublisherLists(
 // Subscriptions and flushing.
 
 KT_STATUS DefaultClientManager::SubscribeMetric(unsigned long consumer, unsigned long metric) {
-  return __SubscribeMetric(consumer, GetConduitHandle(consumer, metric), metric, true);
+  return Guarded(m_registry, "SubscribeMetric", metric, [&]() -> KT_STATUS {
+    return __SubscribeMetric(consumer, GetConduitHandle(consumer, metric), metric, true);
+  });
 }
 
 KT_STATUS DefaultClientManager::UnsubscribeMetric(unsigned long consumer, unsigned long metric) {
-  return __UnsubscribeMetric(consumer, GetConduitHandle(consumer, metric), metric, true);
+  return Guarded(m_registry, "UnsubscribeMetric", metric, [&]() -> KT_STATUS {
+    return __UnsubscribeMetric(consumer, GetConduitHandle(consumer, metric), metric, true);
+  });
 }
 
 KT_STATUS DefaultClientManager::__SubscribeMetric(unsigned long consumer, unsigned long conduit,
@@ -495,10 +518,12 @@ KT_STATUS DefaultClientManager::ForEachMetric(
 }
 
 KT_STATUS DefaultClientManager::FlushMetrics(unsigned long consumer) {
-  if (consumer == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer");
-  auto* state = StateAt<ConsumerState>(Resolve(consumer));
-  if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer");
-  return state->FlushConduits();
+  return Guarded(m_registry, "FlushMetrics", consumer, [&]() -> KT_STATUS {
+    if (consumer == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer");
+    auto* state = StateAt<ConsumerState>(Resolve(consumer));
+    if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer");
+    return state->FlushConduits();
+  });
 }
 
 KT_STATUS DefaultClientManager::__FlushMetrics(unsigned long conduit) {
@@ -513,7 +538,9 @@ KT_STATUS DefaultClientManager::__FlushMetrics(unsigned long conduit) {
 
 KT_STATUS DefaultClientManager::CallRemoteMethodSync(unsigned long method, const IReadBuffer* args,
                                                      IWriteBuffer* returns) {
-  return __CallRemoteMethodSync(GetConduitHandle(0, method), method, args, returns, true);
+  return Guarded(m_registry, "CallRemoteMethodSync", method, [&]() -> KT_STATUS {
+    return __CallRemoteMethodSync(GetConduitHandle(0, method), method, args, returns, true);
+  });
 }
 
 KT_STATUS DefaultClientManager::__CallRemoteMethodSync(unsigned long conduit, unsigned long method,
@@ -545,59 +572,74 @@ KT_STATUS DefaultClientManager::CallRemoteMethodSync(unsigned long conduit, unsi
 
 KT_STATUS DefaultClientManager::CreateProbe(unsigned long type, void* query,
                                             unsigned long* out_site) {
-  Path* node = Resolve(type);
-  if (node != nullptr && out_site != nullptr) {
-    PathData* payload = node->GetPayload();
-    if (payload == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "query");
-    // Checked, not cast blindly: a handle of any other node is refused the
-    // way a type without a probe publisher is, and so is a type whose owner
-    // node is missing.
-    auto* probeType = dynamic_cast<ProbeTypeState*>(payload);
-    if (probeType == nullptr || probeType->m_owner == nullptr) {
-      return Fail(KT_STATUS_INVALID_OBJECT, "qpub");
+  return Guarded(m_registry, "CreateProbe", type, [&]() -> KT_STATUS {
+    Path* node = Resolve(type);
+    if (node != nullptr && out_site != nullptr) {
+      PathData* payload = node->GetPayload();
+      if (payload == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "query");
+      // Checked, not cast blindly: a handle of any other node is refused the
+      // way a type without a probe publisher is, and so is a type whose owner
+      // node is missing.
+      auto* probeType = dynamic_cast<ProbeTypeState*>(payload);
+      if (probeType == nullptr || probeType->m_owner == nullptr) {
+        return Fail(KT_STATUS_INVALID_OBJECT, "qpub");
+      }
+      return probeType->CreateProbe(m_registry, query, out_site);
     }
-    return probeType->CreateProbe(m_registry, query, out_site);
-  }
-  if (out_site == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_site");
-  // An unknown probe type is reported as "query", deliberately.
-  return Fail(KT_STATUS_INVALID_ARGUMENT, "query");
+    if (out_site == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_site");
+    // An unknown probe type is reported as "query", deliberately.
+    return Fail(KT_STATUS_INVALID_ARGUMENT, "query");
+  });
 }
 
 KT_STATUS DefaultClientManager::DestroyProbe(unsigned long site) {
-  Path* node = Resolve(site);
-  // Only a probe site is deleted: the root would take the registry embedded
-  // in the extension manager with it, and any other node its owner's data.
-  if (node == nullptr || node->GetParent() == nullptr ||
-      dynamic_cast<ProbeState*>(node->GetPayload()) == nullptr) {
-    return Fail(KT_STATUS_INVALID_ARGUMENT, "sitePath");
-  }
-  delete node;
-  return KT_STATUS_SUCCESS;
+  return Guarded(m_registry, "DestroyProbe", site, [&]() -> KT_STATUS {
+    Path* node = Resolve(site);
+    // Only a probe site is deleted: the root would take the registry embedded
+    // in the extension manager with it, and any other node its owner's data.
+    if (node == nullptr || node->GetParent() == nullptr ||
+        dynamic_cast<ProbeState*>(node->GetPayload()) == nullptr) {
+      return Fail(KT_STATUS_INVALID_ARGUMENT, "sitePath");
+    }
+    delete node;
+    return KT_STATUS_SUCCESS;
+  });
 }
 
+// The probe's own results are not the client's: only a throw fails these.
 KT_STATUS DefaultClientManager::BeginProbe(unsigned long probe, unsigned long a, unsigned long b,
                                            Metrics::EventType type, void* context) const {
-  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->Begin(a, b, type, context);
-  return KT_STATUS_SUCCESS;  // the probe's own result is not the client's
+  return Guarded(m_registry, "BeginProbe", probe, [&] {
+    if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->Begin(a, b, type, context);
+    return KT_STATUS_SUCCESS;
+  });
 }
 
 KT_STATUS DefaultClientManager::EndProbe(unsigned long probe, unsigned long a,
                                          Metrics::EventType type, void* context) const {
-  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->End(a, type, context);
-  return KT_STATUS_SUCCESS;
+  return Guarded(m_registry, "EndProbe", probe, [&] {
+    if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->End(a, type, context);
+    return KT_STATUS_SUCCESS;
+  });
 }
 
 KT_STATUS DefaultClientManager::HandleProbe(unsigned long probe) const {
-  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->Handle();
-  return KT_STATUS_SUCCESS;
+  return Guarded(m_registry, "HandleProbe", probe, [&] {
+    if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->Handle();
+    return KT_STATUS_SUCCESS;
+  });
 }
 
 KT_STATUS DefaultClientManager::OnChangeStateCommandList(unsigned long probe, void* a, void* b,
                                                          Metrics::CommandListState state) const {
   // A probe that keeps the default operation gets a call that does nothing,
   // which is the same as no call; one that overrides it gets the state.
-  if (probe != 0) reinterpret_cast<Metrics::IProbe*>(probe)->OnChangeStateCommandList(a, b, state);
-  return KT_STATUS_SUCCESS;
+  return Guarded(m_registry, "OnChangeStateCommandList", probe, [&] {
+    if (probe != 0) {
+      reinterpret_cast<Metrics::IProbe*>(probe)->OnChangeStateCommandList(a, b, state);
+    }
+    return KT_STATUS_SUCCESS;
+  });
 }
 
 }  // namespace MetricsFramework

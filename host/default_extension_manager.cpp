@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "client/default_client_manager.h"
+#include "client/extension_call.h"
 #include "host/diagnostics.h"
 #include "host/logger.h"
 #include "kt/client_manager.h"
@@ -103,10 +104,33 @@ void* DefaultExtensionManager::CastTo(const char* name) {
   return nullptr;
 }
 
+template <typename Call>
+KT_STATUS DefaultExtensionManager::CallInto(const char* name, const char* call, Call&& body) {
+  std::string what;
+  if (CallExtension(body, &what)) return KT_STATUS_SUCCESS;
+  // The loggers hear of it too, since the global Logger keeps nothing; a
+  // logger that throws as well is not heard.
+  std::string ignored;
+  CallExtension([&] { Log(1, "DefaultExtensionManager", "%s threw from %s: %s", name, call,
+                          what.c_str()); }, &ignored);
+  return Fail(KT_STATUS_INVALID_OPERATION, call, name, ": ", what.c_str());
+}
+
 KT_STATUS DefaultExtensionManager::Add(const ExtensionBinaryDesc& desc, const char* name,
                                        IExtension* extension, IExtensionLoader* loader) {
   if (extension == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "extension");
   if (name == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "instance_name");
+  // Whatever the extension throws while it is filed (its CastTo, Load,
+  // OnLoad, method description) fails the Add; the roles filed before stay,
+  // as after any early return, for the host to Remove.
+  KT_STATUS status = KT_STATUS_SUCCESS;
+  const KT_STATUS thrown =
+      CallInto(name, "Add", [&] { status = AddRoles(desc, name, extension, loader); });
+  return thrown != KT_STATUS_SUCCESS ? thrown : status;
+}
+
+KT_STATUS DefaultExtensionManager::AddRoles(const ExtensionBinaryDesc& desc, const char* name,
+                                            IExtension* extension, IExtensionLoader* loader) {
   if (m_loader == nullptr) {
     m_loader = loader;
     if (m_clientManager != nullptr) m_clientManager->m_loader = loader;
@@ -124,7 +148,8 @@ KT_STATUS DefaultExtensionManager::Add(const ExtensionBinaryDesc& desc, const ch
     status = FileRole(filing, "publishers", kListedNode, publisher, true,
                       [publisher](Path* at) { return new PublisherState(publisher, at); });
     if (status != KT_STATUS_SUCCESS) return status;
-    CallOnLoad(publisher, name);
+    status = CallOnLoad(publisher, name);
+    if (status != KT_STATUS_SUCCESS) return status;
     filed = true;
   }
   if (ILogger* logger = FaceOf<ILogger>(extension, "ILogger")) {
@@ -176,7 +201,10 @@ KT_STATUS DefaultExtensionManager::FileRole(const Filing& filing, const char* br
   // `face` reaches the extension's one extension base through the role's
   // virtual base. Load keeps only its first values: an extension of several
   // roles keeps the handle of its first.
-  face->Load(this, m_clientManager, node->GetHandle(), filing.loader);
+  const KT_STATUS status = CallInto(filing.name, "Load", [&] {
+    face->Load(this, m_clientManager, node->GetHandle(), filing.loader);
+  });
+  if (status != KT_STATUS_SUCCESS) return status;
   if (announce) m_registry.NotifyStateListeners(kEventExtensionAdded, node->GetHandle(), 0);
   if (out_node != nullptr) *out_node = node;
   return KT_STATUS_SUCCESS;
@@ -204,20 +232,33 @@ KT_STATUS DefaultExtensionManager::FileMethod(const Filing& filing, IExtension* 
   return KT_STATUS_SUCCESS;
 }
 
-void DefaultExtensionManager::CallOnLoad(IPublisher* publisher, const char* name) {
+KT_STATUS DefaultExtensionManager::CallOnLoad(IPublisher* publisher, const char* name) {
   if (m_consoleTrace) {
     std::printf("    DefaultExtensionManager::Add: calling OnLoad on %s...", name);
   }
   std::fflush(stdout);
-  publisher->OnLoad();
+  const KT_STATUS status = CallInto(name, "OnLoad", [publisher] { publisher->OnLoad(); });
   if (m_consoleTrace) std::printf("...DONE\n");
   std::fflush(stdout);
+  return status;
 }
 
 KT_STATUS DefaultExtensionManager::Remove(const ExtensionBinaryDesc&, const char* name,
                                           IExtension* extension, IExtensionLoader*) {
+  // A throw of the extension's own unload calls does not stop the removal:
+  // its nodes go all the same, and the status tells the host.
+  KT_STATUS status = KT_STATUS_SUCCESS;
+  const char* shown = name != nullptr ? name : "";
+  const KT_STATUS thrown =
+      CallInto(shown, "Remove", [&] { status = RemoveRoles(name, extension); });
+  return thrown != KT_STATUS_SUCCESS ? thrown : status;
+}
+
+KT_STATUS DefaultExtensionManager::RemoveRoles(const char* name, IExtension* extension) {
   IKTExtensionBase* base = FaceOf<IKTExtensionBase>(extension, "IKTExtensionBase");
   if (base == nullptr) return KT_STATUS_SUCCESS;
+  const char* shown = name != nullptr ? name : "";
+  KT_STATUS status = KT_STATUS_SUCCESS;
 
   // Intended order, unlike Add's: conduits first, so that no data flows while
   // the rest goes; the publisher last, told before its node goes. Once a
@@ -238,11 +279,11 @@ KT_STATUS DefaultExtensionManager::Remove(const ExtensionBinaryDesc&, const char
     notify = false;
   }
   if (IPublisher* publisher = FaceOf<IPublisher>(extension, "IPublisher")) {
-    publisher->OnUnload();
+    status = CallInto(shown, "OnUnload", [publisher] { publisher->OnUnload(); });
     DestroyObject("publishers", name, notify);
   }
-  base->Unload();
-  return KT_STATUS_SUCCESS;
+  const KT_STATUS unloaded = CallInto(shown, "Unload", [base] { base->Unload(); });
+  return status != KT_STATUS_SUCCESS ? status : unloaded;
 }
 
 bool DefaultExtensionManager::ExtensionAlreadyExists(const char* branch, const char* name) {
@@ -289,6 +330,7 @@ KT_STATUS DefaultExtensionManager::Log(unsigned int level, const char*, const ch
 
   // ForEachChild holds the branch's read lock while the loggers run and
   // releases it also when one of them throws; removing a logger waits for it.
+  // Intended: what a logger throws reaches Log's caller.
   loggers->ForEachChild([&](Path* child) {
     auto* state = dynamic_cast<LoggerState*>(child->GetPayload());
     if (state != nullptr && state->GetLogger() != nullptr) state->GetLogger()->Log(level, line);
@@ -370,7 +412,11 @@ KT_STATUS DefaultExtensionManager::DispatchRemoteMethod(unsigned long handle,
   if (handle == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "handle");
   auto* state = StateAt<MethodState>(m_registry, handle);
   if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "remotePath");
-  return state->Dispatch(args, returns);
+  // A method that throws fails as one whose Run answers false does.
+  KT_STATUS status = KT_STATUS_SUCCESS;
+  const KT_STATUS thrown = CallInto(state->m_path->GetName().c_str(), "Run",
+                                    [&] { status = state->Dispatch(args, returns); });
+  return thrown != KT_STATUS_SUCCESS ? thrown : status;
 }
 
 void DefaultExtensionManager::NotifyState(unsigned int event, unsigned long a, unsigned long b) {

@@ -127,8 +127,18 @@ class DefaultExtensionManager : public IRegistryManager {
   // client command method under the well-known handle.
   KT_STATUS FileMethod(const Filing& filing, IExtension* extension, IRemoteMethod* method,
                        unsigned char flags, bool announce);
-  // Calls the publisher's OnLoad, framed by the console trace when it is on.
-  void CallOnLoad(IPublisher* publisher, const char* name);
+  // Add and Remove without the boundary that stops an extension's throw.
+  KT_STATUS AddRoles(const ExtensionBinaryDesc& desc, const char* name, IExtension* extension,
+                     IExtensionLoader* loader);
+  KT_STATUS RemoveRoles(const char* name, IExtension* extension);
+  // Runs `body`, a call named `call` into the extension `name`. When it
+  // throws, writes one line naming both (to the log and to the loggers) and
+  // returns KT_STATUS_INVALID_OPERATION; otherwise KT_STATUS_SUCCESS.
+  template <typename Call>
+  KT_STATUS CallInto(const char* name, const char* call, Call&& body);
+  // Calls the publisher's OnLoad, framed by the console trace when it is on;
+  // KT_STATUS_INVALID_OPERATION when it throws.
+  KT_STATUS CallOnLoad(IPublisher* publisher, const char* name);
   // The state filed under the publisher's handle; null when there is none.
   PublisherState* PublisherStateOf(IPublisher* publisher);
 

@@ -1,6 +1,7 @@
 // The library's export table. The row bytes are described in
 // docs/export_table.md.
 #include "kt/export_table.h"
+#include "kt/visibility.h"
 
 #include "client/default_client_manager.h"
 #include "host/default_extension_manager.h"
@@ -19,7 +20,7 @@ IExtension* CreateClientCommandMethod() { return ClientCommandMethod::Create(); 
 
 extern "C" {
 
-__attribute__((visibility("default"))) extern const MetricsFramework::ExtensionExportRow
+KT_EXPORT extern const MetricsFramework::ExtensionExportRow
     __extension_export_table__[4];
 
 const MetricsFramework::ExtensionExportRow __extension_export_table__[4] = {

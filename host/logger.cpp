@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "kt/visibility.h"
+
 Logger::Logger()
     : std::ostream(nullptr),
       m_reserved0(0),
@@ -28,7 +30,7 @@ Logger& operator<<(Logger& logger, const OpCode&) { return logger; }
 Logger& operator<<(Logger& logger, const std::string&) { return logger; }
 Logger& operator<<(Logger& logger, unsigned long) { return logger; }
 
-Logger& GetLogger() {
+KT_EXPORT Logger& GetLogger() {
   // Built in static storage and never destroyed: objects destroyed at unload
   // may still write their failure messages.
   alignas(Logger) static unsigned char storage[sizeof(Logger)];

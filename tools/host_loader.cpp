@@ -118,14 +118,17 @@ bool HostLoader::OpenLibrary(const std::string& path) {
   return true;
 }
 
-void HostLoader::AddOpenedModules() {
+bool HostLoader::AddOpenedModules() {
+  bool all = true;
   for (auto& module : m_modules) {
-    if (!module->added) AddModule(*module);
+    if (!module->added) all = AddModule(*module) && all;
   }
+  return all;
 }
 
-void HostLoader::AddModule(Module& module) {
+bool HostLoader::AddModule(Module& module) {
   module.added = true;
+  bool all = true;
   for (const ExtensionExportRow* row = module.rows; row->name[0] != '\0'; ++row) {
     IExtension* extension = row->factory();
     if (extension == nullptr) continue;
@@ -136,8 +139,15 @@ void HostLoader::AddModule(Module& module) {
     }
     std::fprintf(stderr, "kt-host: %s from %s not added: %s\n", row->name, module.path.c_str(),
                  StatusText(status).c_str());
+    all = false;
+    // The roles filed before the refusal go before the extension does; under
+    // a name that was taken already, the node is the earlier extension's.
+    if (status != KT_STATUS_ALREADY_EXISTS) {
+      m_manager->Remove(module.desc, row->name, extension, this);
+    }
     delete extension;
   }
+  return all;
 }
 
 KT_STATUS HostLoader::File(const ExtensionBinaryDesc& desc, const char* name,
@@ -202,8 +212,7 @@ void HostLoader::Shutdown() {
 
 KT_STATUS HostLoader::LoadModule(const char* path) {
   if (path == nullptr || !OpenModule(path)) return KT_STATUS_DOES_NOT_EXIST;
-  AddOpenedModules();
-  return KT_STATUS_SUCCESS;
+  return AddOpenedModules() ? KT_STATUS_SUCCESS : KT_STATUS_PARTIAL_FAILURE;
 }
 
 KT_STATUS HostLoader::UnloadModule(const char* path) {

@@ -45,9 +45,10 @@ class HostLoader : public MetricsFramework::IExtensionLoader {
   // table.
   bool OpenModule(const std::string& path);
   // Creates and adds the extensions of every module opened so far and not yet
-  // added. An extension the manager refuses is reported on standard error and
-  // destroyed; the others stay.
-  void AddOpenedModules();
+  // added. An extension the manager refuses is reported on standard error,
+  // removed (what it had filed before the refusal) and destroyed; the others
+  // stay. False when any was refused.
+  bool AddOpenedModules();
   // Removes every filed extension in the manager's order and destroys
   // everything the loader owns. Runs at most once; the destructor calls it.
   void Shutdown();
@@ -87,7 +88,7 @@ class HostLoader : public MetricsFramework::IExtensionLoader {
 
   bool Fail(const std::string& message);
   bool ReadTable(Module& module);
-  void AddModule(Module& module);
+  bool AddModule(Module& module);
   MetricsFramework::KT_STATUS File(const MetricsFramework::ExtensionBinaryDesc& desc,
                                    const char* name, MetricsFramework::IExtension* extension);
   void RemoveFiled(size_t index);

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // ProbePublisher: one probe metric ("probe_events", tag 201) and one probe type
 // over it ("event_counter"), so that a client's CreateProbe and DestroyProbe
 // act on something real.
@@ -20,6 +22,7 @@
 #include "kt/extension_manager.h"
 #include "kt/metric.h"
 #include "kt/probe.h"
+#include "kt/visibility.h"
 
 namespace {
 
@@ -156,7 +159,7 @@ IExtension* CreateProbePublisher() { return static_cast<IPublisher*>(new ProbePu
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) const ExtensionExportRow
+extern "C" KT_EXPORT const ExtensionExportRow
     __extension_export_table__[2] = {
         {"ProbePublisher", kExportKindExtension, kExportRowMagic, 0, &CreateProbePublisher},
         {"", 0, 0, 0, nullptr},

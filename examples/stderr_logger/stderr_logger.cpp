@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // StderrLogger: writes every line the extension manager's Log hands it to
 // standard error, after a local time stamp with milliseconds and the level.
 // Log may run on several threads at once: each line is composed first and
@@ -10,6 +12,7 @@
 
 #include "kt/export_table.h"
 #include "kt/logger.h"
+#include "kt/visibility.h"
 
 namespace {
 
@@ -36,7 +39,7 @@ IExtension* CreateStderrLogger() { return static_cast<ILogger*>(new StderrLogger
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) const ExtensionExportRow
+extern "C" KT_EXPORT const ExtensionExportRow
     __extension_export_table__[2] = {
         {"StderrLogger", kExportKindExtension, kExportRowMagic, 0, &CreateStderrLogger},
         {"", 0, 0, 0, nullptr},

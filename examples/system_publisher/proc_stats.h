@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // Reading this machine's figures from /proc: pure parsers over the text of
 // one /proc file each, and ProcSampler, which turns successive readings into
 // the system publisher's values (rates need two readings).

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // SystemPublisher: publishes this machine's figures read from /proc, sampled on
 // its own thread every KT_SYSTEM_PUBLISHER_PERIOD_MS milliseconds (500 by
 // default).
@@ -27,6 +29,7 @@
 #include "kt/extension_manager.h"
 #include "kt/metric.h"
 #include "kt/publisher.h"
+#include "kt/visibility.h"
 #include "proc_stats.h"
 
 namespace {
@@ -188,7 +191,7 @@ IExtension* CreateSystemPublisher() { return static_cast<IPublisher*>(new System
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) const ExtensionExportRow
+extern "C" KT_EXPORT const ExtensionExportRow
     __extension_export_table__[2] = {
         {"SystemPublisher", kExportKindExtension, kExportRowMagic, 0, &CreateSystemPublisher},
         {"", 0, 0, 0, nullptr},

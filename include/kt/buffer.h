@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // The buffer interfaces through which samples and remote calls travel.
 //
 // A writer reserves space, fills it and commits it; committed blocks queue up
@@ -12,9 +14,11 @@
 #ifndef KT_BUFFER_H_
 #define KT_BUFFER_H_
 
+#include "kt/visibility.h"
+
 namespace MetricsFramework {
 
-class IReadBuffer {
+class KT_EXPORT IReadBuffer {
  public:
   // Slot 0: the oldest committed block and its size; null and 0 when there is
   // none. The block stays queued until MakeAvailable. The library's buffers
@@ -27,7 +31,7 @@ class IReadBuffer {
   virtual ~IReadBuffer() {}  // slots 2, 3
 };
 
-class IWriteBuffer {
+class KT_EXPORT IWriteBuffer {
  public:
   // Slot 0: delivers what has been committed.
   virtual void Flush() = 0;
@@ -45,7 +49,7 @@ class IWriteBuffer {
 };
 
 // Both faces of one buffer; IReadBuffer is the first base.
-class IReadWriteBuffer : public IReadBuffer, public IWriteBuffer {
+class KT_EXPORT IReadWriteBuffer : public IReadBuffer, public IWriteBuffer {
  public:
   ~IReadWriteBuffer() override {}
 };

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IClientManager: how a client (a tool that reads metrics) browses the
 // registry, subscribes consumers to metrics, drives probes and calls remote
 // methods, in this process or, through a proxy, in another.
@@ -7,9 +9,19 @@
 // KT_STATUS (0 on success) and writes its out-parameters only on success. A
 // handle of another registry is unknown unless that registry's process is
 // mounted under "peers", whose client manager then answers. Arrays must hold
-// the count they are passed with. The client manager may be called from any
-// thread; its synchronisation is the registry's. The slot numbers are a binary contract: never insert, remove or
-// reorder.
+// the count they are passed with.
+//
+// Ownership: the host makes the client manager through the second row of the
+// library's export table, owns it and destroys it before the extension
+// manager. Everything an operation copies out (descriptions, names, vectors)
+// is the caller's; the consumers and probes it names stay their owners'.
+//
+// Threads: the client manager may be called from any thread; its
+// synchronisation is the registry's. Operations that reach into extensions
+// (subscribing binds the metric at its publisher, probes, remote methods)
+// make those calls on the caller's thread; an extension that throws fails the
+// operation with KT_STATUS_INVALID_OPERATION. The slot numbers are a binary
+// contract: never insert, remove or reorder.
 #ifndef KT_CLIENT_MANAGER_H_
 #define KT_CLIENT_MANAGER_H_
 
@@ -24,6 +36,7 @@
 #include "kt/metric.h"
 #include "kt/probe.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -31,14 +44,28 @@ namespace MetricsFramework {
 struct ResourceInfo {
   std::string name;      // the node's own name
   unsigned long data;    // the payload's data word (the module's descriptor word)
-  unsigned long kind;    // the payload's resource type (4 or 8 metric, 32 publisher, ...)
+  unsigned long kind;    // the payload's resource type: a ResourceKind
   unsigned long parent;  // the parent's handle; 0 at the root
   unsigned long target;  // the handle of the node the payload designates; 0 if none
 };
 static_assert(sizeof(ResourceInfo) == 64, "a resource description is 64 bytes");
 
+// Values of ResourceInfo::kind. A node without a payload of its own (a
+// branch such as "publishers") is a plain node.
+enum ResourceKind : unsigned long {
+  kResourceConsumer = 1,
+  kResourceMetric = 4,        // an ordinary metric
+  kResourceProbeMetric = 8,   // a probe metric (Metric::kFlagProbe); GetMetrics lists these
+  kResourceNode = 16,         // a plain node
+  kResourcePublisher = 32,
+  kResourceRemoteMethod = 128,
+  kResourceProbe = 256,       // a probe type, and each probe made of it
+  kResourceBinding = 512,     // a metric bound to a conduit
+  kResourcePeer = ~0ul,       // another process's registry, mounted under "peers"
+};
+
 // Told about every element of a batch subscription that failed.
-class IClientManagerErrorListener {
+class KT_EXPORT IClientManagerErrorListener {
  public:
   // Slot 0: the metric `metric` failed with `status` (never 0).
   virtual void OnError(unsigned long metric, unsigned int status) = 0;
@@ -47,7 +74,7 @@ class IClientManagerErrorListener {
   ~IClientManagerErrorListener() = default;
 };
 
-class IClientManager : public IExtension {
+class KT_EXPORT IClientManager : public IExtension {
  public:
   // Slot 0: answers "IClientManager" and "IExtension" with this object.
   void* CastTo(const char* name) override {
@@ -74,9 +101,12 @@ class IClientManager : public IExtension {
   // 0; KT_STATUS_INVALID_OBJECT for an unknown `parent`.
   virtual KT_STATUS GetChildren(unsigned long parent, unsigned long* out_children,
                                 unsigned int count) const = 0;
-  // Slot 6: appends every metric below `handle` with its description; with
-  // `out_groups` and `out_sets`, also the publishers' group orders and set
-  // names. KT_STATUS_INVALID_OBJECT for an unknown `handle`.
+  // Slot 6: appends each node of kind kResourceProbeMetric (8) below `handle`
+  // with its description, walking every other node depth first; ordinary
+  // metrics (kind 4) are not listed (walk the tree with GetChildren and
+  // GetResourceInfo to find those). With `out_groups` and `out_sets`, also
+  // the group orders and set names of the publishers met. Never clears
+  // `out_metrics`. KT_STATUS_INVALID_OBJECT for an unknown `handle`.
   virtual KT_STATUS GetMetrics(
       unsigned long handle,
       std::vector<std::pair<unsigned long, Metric::Description>>& out_metrics,

@@ -1,9 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IConduit: the extension that supplies the buffers through which metric data
 // travels and carries remote-method transactions.
 //
-// A conduit owns every buffer it makes; CreateBuffer lends one to a metric
-// binding and DestroyBuffer takes it back. Transact runs synchronously on the
-// caller's thread. The slot numbers are a binary contract: never insert,
+// Ownership: the host owns the conduit; the library files it under
+// "conduits" when the host adds it, and also makes its own in-process
+// conduits. A conduit owns every buffer it makes; CreateBuffer lends one to a
+// metric binding and DestroyBuffer takes it back.
+//
+// Threads: the library calls OnSubscribed, OnUnsubscribed, CreateBuffer and
+// DestroyBuffer on the thread of the client that subscribes or unsubscribes,
+// and Transact on the thread of the client that calls a remote method; calls
+// from several clients may overlap, so a conduit guards its own state. Transact
+// runs synchronously. The slot numbers are a binary contract: never insert,
 // remove or reorder.
 #ifndef KT_CONDUIT_H_
 #define KT_CONDUIT_H_
@@ -13,10 +22,11 @@
 #include "kt/buffer.h"
 #include "kt/extension.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
-class IConduit : public virtual IKTExtensionBase {
+class KT_EXPORT IConduit : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "IConduit" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IConsumer, the extension that receives metric samples, and IConsumer2, which
 // also takes batched samples one at a time.
 //
@@ -14,10 +16,15 @@
 #include <cstring>
 
 #include "kt/extension.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
-class IConsumer : public virtual IKTExtensionBase {
+// The tag a time-based sample arrives with (a metric published with
+// Metric::kFlagTimeBased); its call has no sizes.
+constexpr unsigned long kTimeBasedSampleTag = 199;
+
+class KT_EXPORT IConsumer : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "IConsumer" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.
@@ -27,14 +34,15 @@ class IConsumer : public virtual IKTExtensionBase {
     return IKTExtensionBase::CastTo(name);
   }
   // Slot 1: `count` samples as parallel arrays: metric handles, tags, data and
-  // sizes (sizes is null for a time-based sample, whose tag is 199).
+  // sizes (sizes is null for a time-based sample, whose tag is
+  // kTimeBasedSampleTag).
   virtual void OnMetricUpdated(unsigned int count, unsigned long* metricHandles,
                                const unsigned long* tags, const void** data,
                                unsigned long* sizes) = 0;
   ~IConsumer() override {}  // slots 2, 3
 };
 
-class IConsumer2 : public IConsumer {
+class KT_EXPORT IConsumer2 : public IConsumer {
  public:
   void* CastTo(const char* name) override {
     if (name == nullptr) return nullptr;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // The export table: how a host finds what an extension module offers.
 //
 // A module exports one read-only array named __extension_export_table__ of

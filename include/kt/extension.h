@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // The root of every extension (IExtension), the base class every extension of
 // the framework derives from (IKTExtensionBase), the host's module loader
 // (IExtensionLoader) and the host's description of a loaded module
@@ -17,6 +19,8 @@
 //
 // The virtual slot order of every interface here is a binary contract shared
 // with separately compiled hosts and modules: never insert, remove or reorder.
+// In every public header, slots are counted from 0, the first entry of the
+// interface's table of virtual operations; a virtual destructor takes two.
 #ifndef KT_EXTENSION_H_
 #define KT_EXTENSION_H_
 
@@ -25,6 +29,7 @@
 
 #include "kt/lock.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -32,7 +37,7 @@ class IClientManager;
 class IExtensionManager;
 class IExtensionLoader;
 
-class IExtension {
+class KT_EXPORT IExtension {
  public:
   // Slot 0: the face named `name`, or null when the object has none or
   // `name` is null.
@@ -52,7 +57,7 @@ struct ExtensionBinaryDesc {
 static_assert(offsetof(ExtensionBinaryDesc, m_descriptor) == 256,
               "the manager reads the descriptor word at byte 256");
 
-class IKTExtensionBase : public IExtension {
+class KT_EXPORT IKTExtensionBase : public IExtension {
  public:
   IKTExtensionBase()
       : m_extensionManager(nullptr), m_clientManager(nullptr), m_handle(0), m_loader(nullptr) {}
@@ -102,25 +107,27 @@ class IKTExtensionBase : public IExtension {
   Monitor m_monitor;
 };
 
-// The host's loader of extension modules. The library calls only
-// AddExtension (the eighth entry of the table) and RemoveExtension (the
-// ninth); the others belong to the host.
-class IExtensionLoader {
+// The host's loader of extension modules, implemented by the host and owned
+// by it. The library calls only AddExtension (slot 7) and RemoveExtension
+// (slot 8), from the thread of the client or the host that makes it register
+// or drop a private extension; slots 2 to 6 are the host's own and the library
+// never calls them.
+class KT_EXPORT IExtensionLoader {
  public:
-  virtual ~IExtensionLoader() {}                                        // entries 1, 2
-  virtual KT_STATUS LoadModule(const char* path) = 0;                   // entry 3
-  virtual KT_STATUS UnloadModule(const char* path) = 0;                 // entry 4
-  virtual unsigned int GetModuleCount() = 0;                            // entry 5
-  virtual const ExtensionBinaryDesc* GetModule(unsigned int index) = 0; // entry 6
-  virtual IExtension* FindExtension(const char* name) = 0;              // entry 7
+  virtual ~IExtensionLoader() {}                                        // slots 0, 1
+  virtual KT_STATUS LoadModule(const char* path) = 0;                   // slot 2: never called
+  virtual KT_STATUS UnloadModule(const char* path) = 0;                 // slot 3: never called
+  virtual unsigned int GetModuleCount() = 0;                            // slot 4: never called
+  virtual const ExtensionBinaryDesc* GetModule(unsigned int index) = 0; // slot 5: never called
+  virtual IExtension* FindExtension(const char* name) = 0;              // slot 6: never called
 
-  // Entry 8: files `extension` under `name` with the extension manager, which
+  // Slot 7: files `extension` under `name` with the extension manager, which
   // gives it its handle through Load. `desc` is null for an extension that did
   // not come from a module of its own.
   virtual KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
                                  const ExtensionBinaryDesc* desc) = 0;
 
-  // Entry 9: removes `extension` from the extension manager and drops it.
+  // Slot 8: removes `extension` from the extension manager and drops it.
   virtual KT_STATUS RemoveExtension(IKTExtensionBase* extension) = 0;
 };
 

@@ -1,12 +1,25 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IExtensionHandler, which accepts extensions, and IExtensionManager, through
 // which extensions publish metrics and probe types, push samples, dispatch
 // remote calls and log.
 //
-// The host adds every extension with Add and removes it with Remove, both from
-// its loading thread. The publishing and routing operations may be called from
-// the extensions' own threads; each returns a KT_STATUS (0 on success) and
-// writes its out-parameters only on success. The slot numbers in the comments
-// are a binary contract: never insert, remove or reorder.
+// Ownership: the host makes the manager through the first row of the
+// library's export table and owns it; it must remove every extension, then
+// destroy the client manager, then the manager. The manager never owns an
+// extension: the host keeps each alive from Add until its Remove has returned.
+// Everything the manager files for an extension (its node, its metrics, its
+// probe types) goes with Remove.
+//
+// Threads: the host adds every extension with Add and removes it with Remove,
+// both from its loading thread. The publishing and routing operations may be
+// called from the extensions' own threads at the same time; each returns a
+// KT_STATUS (0 on success) and writes its out-parameters only on success. An
+// extension that throws from a call the manager makes into it while it files,
+// removes or runs it (Load, OnLoad, OnUnload, Unload, a method's Run) fails
+// that call with KT_STATUS_INVALID_OPERATION and one log line. A logger that
+// throws from Log throws to Log's caller. The slot numbers in the comments are a binary contract: never
+// insert, remove or reorder.
 #ifndef KT_EXTENSION_MANAGER_H_
 #define KT_EXTENSION_MANAGER_H_
 
@@ -16,6 +29,7 @@
 
 #include "kt/extension.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -29,7 +43,7 @@ class IReadBuffer;
 class IWriteBuffer;
 struct ProbeDesc;
 
-class IExtensionHandler : public IExtension {
+class KT_EXPORT IExtensionHandler : public IExtension {
  public:
   // Slot 0: CastTo (IExtension); slots 1, 2: destructors.
   ~IExtensionHandler() override {}
@@ -46,7 +60,7 @@ class IExtensionHandler : public IExtension {
                            IExtension* extension, IExtensionLoader* loader) = 0;
 };
 
-class IExtensionManager : public IExtensionHandler {
+class KT_EXPORT IExtensionManager : public IExtensionHandler {
  public:
   ~IExtensionManager() override {}
 
@@ -106,6 +120,6 @@ class IExtensionManager : public IExtensionHandler {
 
 // The process-wide extension manager: null until the host has called the
 // factory of the export table's first row.
-MetricsFramework::IExtensionManager* GetExtensionManager();
+KT_EXPORT MetricsFramework::IExtensionManager* GetExtensionManager();
 
 #endif  // KT_EXTENSION_MANAGER_H_

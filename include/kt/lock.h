@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // ILock, the small lock interface behind every lock of the framework, and
 // Monitor, a plain recursive mutex.
 //

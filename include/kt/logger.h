@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // ILogger: the extension interface through which the extension manager's Log
 // delivers formatted lines.
 //
@@ -10,10 +12,11 @@
 #include <cstring>
 
 #include "kt/extension.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
-class ILogger : public virtual IKTExtensionBase {
+class KT_EXPORT ILogger : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "ILogger" with this object and "IKTExtensionBase" and
   // "IExtension" with its extension base.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // Metric::Description, the record by which a publisher describes a metric and
 // by which clients read it back, and IMetricStateListener, which a consumer may
 // offer besides IConsumer to hear when metrics come and go.
@@ -5,13 +7,21 @@
 // The record's field order and widths are fixed: it travels between modules
 // and, encoded, between processes. Only id, flags, setIds and uri carry
 // behaviour in the library; every other field is stored and returned as the
-// publisher gave it.
+// publisher gave it. The fields a publisher fills, and what clients (kt-host
+// among them) read in them, are named beside each field below.
+//
+// Ownership: a Description is a plain value. PublishMetric copies it;
+// GetMetricDescriptor and GetMetrics copy it out, with the library's current
+// availability and bound bits in `flags`. It has no synchronisation of its
+// own: one copy is used by one thread at a time.
 #ifndef KT_METRIC_H_
 #define KT_METRIC_H_
 
 #include <cstddef>
 #include <string>
 #include <vector>
+
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -28,26 +38,30 @@ enum : unsigned int {
 };
 
 struct Description {
-  unsigned int id = 0xFFFFFFFF;          // 0xFFFFFFFF when not set
+  unsigned int id = 0xFFFFFFFF;          // the publisher's own identifier; 0xFFFFFFFF when not set
   unsigned int flags = 0;                // kFlag* bits; other bits carried unchanged
-  std::vector<unsigned int> list1;
-  unsigned int word1 = 0;                // the metric's tag for its consumers
-  std::vector<unsigned int> setIds;      // the metric sets it can be collected in
-  unsigned int word2 = 0;
-  unsigned char byte1 = 0;
-  std::string uri;                       // the metric's name, one whole node name
-  std::string text1;
-  std::string text2;
-  std::string text3;
-  std::string text4;
-  std::string text5;
-  unsigned int word3 = 0;
-  std::string text6;
-  unsigned char byte2 = 0;
+  std::vector<unsigned int> list1;       // carried unchanged
+  unsigned int word1 = 0;                // the tag consumers receive with each sample
+  std::vector<unsigned int> setIds;      // the metric sets it can be collected in; a metric
+                                         // is available while one of its sets is shared by
+                                         // every bound metric of its publisher
+  unsigned int word2 = 0;                // carried unchanged
+  unsigned char byte1 = 0;               // carried unchanged
+  std::string uri;                       // the metric's name: its node under the publisher,
+                                         // one whole node name (no '/')
+  std::string text1;                     // a one-line description for people
+  std::string text2;                     // the unit of the values ("%", "MiB"; "" for none)
+  std::string text3;                     // carried unchanged
+  std::string text4;                     // carried unchanged
+  std::string text5;                     // carried unchanged
+  unsigned int word3 = 0;                // carried unchanged
+  std::string text6;                     // carried unchanged
+  unsigned char byte2 = 0;               // carried unchanged
   unsigned long block[2] = {0, 0};       // copied as one 16-byte block
-  unsigned char byte3 = 0;
-  unsigned int word4 = 0xFFFFFFFF;       // the metric's group within its publisher
-  unsigned int word5 = 0xFFFFFFFF;
+  unsigned char byte3 = 0;               // carried unchanged
+  unsigned int word4 = 0xFFFFFFFF;       // the metric's group within its publisher: the
+                                         // samples of one group reach consumers in one call
+  unsigned int word5 = 0xFFFFFFFF;       // carried unchanged
 };
 
 static_assert(sizeof(Description) == 344, "the description record is 344 bytes");
@@ -68,7 +82,7 @@ static_assert(offsetof(Description, flags) == 4 && offsetof(Description, list1) 
 // Called on the thread that changed the metric's availability, while the read
 // lock of the registry's "consumers" branch is held: a listener must not add or
 // remove consumers from inside the call.
-class IMetricStateListener {
+class KT_EXPORT IMetricStateListener {
  public:
   // Slot 0: the framework's interface query; the library never calls it here.
   virtual void* CastTo(const char* name) = 0;

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // Thread and process helpers exported by the library with C linkage.
 //
 // Hosts and extensions may call them from any thread; none of them keeps state.
@@ -6,41 +8,43 @@
 #ifndef KT_PLATFORM_H_
 #define KT_PLATFORM_H_
 
+#include "kt/visibility.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 // Sleeps for `ms` milliseconds (the microsecond count is taken in 32 bits).
-void KTSleep(unsigned int ms);
+KT_EXPORT void KTSleep(unsigned int ms);
 
 // Gives up the processor to another runnable thread.
-void KTYield(void);
+KT_EXPORT void KTYield(void);
 
 // Returns the calling thread's identifier (its pthread_t value).
-unsigned long KTGetCurrentThreadId(void);
+KT_EXPORT unsigned long KTGetCurrentThreadId(void);
 
 // Returns the calling process's identifier.
-int KTGetCurrentProcessId(void);
+KT_EXPORT int KTGetCurrentProcessId(void);
 
 // Return the lowest and highest priority of the calling thread's scheduling
 // policy, and the thread's present priority.
-int KTGetCurrentThreadPriorityMin(void);
-int KTGetCurrentThreadPriorityMax(void);
-int KTGetCurrentThreadPriority(void);
+KT_EXPORT int KTGetCurrentThreadPriorityMin(void);
+KT_EXPORT int KTGetCurrentThreadPriorityMax(void);
+KT_EXPORT int KTGetCurrentThreadPriority(void);
 
 // Sets the calling thread's priority under its present policy. Returns true
 // when the platform accepted it (false for a priority outside the policy's
 // range).
 #ifdef __cplusplus
-bool KTSetCurrentThreadPriority(int priority);
+KT_EXPORT bool KTSetCurrentThreadPriority(int priority);
 #else
-_Bool KTSetCurrentThreadPriority(int priority);
+KT_EXPORT _Bool KTSetCurrentThreadPriority(int priority);
 #endif
 
 // Formatted scan: forwards to vsscanf and returns its result (the number of
 // items assigned, or EOF). A null `str` or `format` scans nothing and returns
 // EOF; no argument is written.
-int sdl_sscanf(const char* str, const char* format, ...);
+KT_EXPORT int sdl_sscanf(const char* str, const char* format, ...);
 
 #ifdef __cplusplus
 }  // extern "C"

@@ -1,7 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // Probe types and probes: a publisher that also offers IProbePublisher can
-// publish probe types over its probe metrics, and make probe objects
-// (Metrics::IProbe) of a type when a client asks. The publisher owns the probes
-// it makes. The slot numbers are a binary contract: never insert, remove or
+// publish probe types over its probe metrics (IExtensionManager::PublishProbe),
+// and make probe objects (Metrics::IProbe) of a type when a client asks
+// (IClientManager::CreateProbe).
+//
+// Ownership: the ProbeDesc and the metric handles it points to are the
+// publisher's and are read only during PublishProbe. The publisher owns every
+// probe it makes; the library files its address (which is also the site the
+// client is given) and never deletes it. A probe must stay valid until the
+// client's DestroyProbe or the publisher's removal.
+//
+// Threads: CreateProbe runs on the thread of the client that calls
+// IClientManager::CreateProbe, and a probe's operations on the threads of the
+// clients that call Begin/End/HandleProbe and OnChangeStateCommandList, with no
+// lock of the library held: a probe that several clients drive must guard
+// itself. The slot numbers are a binary contract: never insert, remove or
 // reorder.
 #ifndef KT_PROBE_H_
 #define KT_PROBE_H_
@@ -10,6 +24,7 @@
 
 #include "kt/publisher.h"
 #include "kt/status.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -26,22 +41,22 @@ namespace Metrics {
 enum EventType : unsigned int { kEventNone = 0 };
 enum CommandListState : unsigned int { kCommandListIdle = 0 };
 
-class IProbe {
+class KT_EXPORT IProbe {
  public:
-  virtual ~IProbe() {}  // entries 1, 2
-  // Entry 3: a probed event begins.
+  virtual ~IProbe() {}  // slots 0, 1
+  // Slot 2: a probed event begins. The client is not told the result.
   virtual KT_STATUS Begin(unsigned long a, unsigned long b, EventType type, void* context) = 0;
-  // Entry 4: a probed event ends.
+  // Slot 3: a probed event ends. The client is not told the result.
   virtual KT_STATUS End(unsigned long a, EventType type, void* context) = 0;
-  // Entry 5: handle the probe.
+  // Slot 4: handle the probe.
   virtual KT_STATUS Handle() = 0;
-  // Entry 6: the state of a command list changed; by default nothing happens.
+  // Slot 5: the state of a command list changed; by default nothing happens.
   virtual KT_STATUS OnChangeStateCommandList(void*, void*, CommandListState) { return 0; }
 };
 
 }  // namespace Metrics
 
-class IProbePublisher : public IPublisher {
+class KT_EXPORT IProbePublisher : public IPublisher {
  public:
   void* CastTo(const char* name) override {
     if (name == nullptr) return nullptr;

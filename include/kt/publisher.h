@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IPublisher, the extension that publishes metrics, and IBoundMetric, the
 // object through which a publisher writes one metric's samples into the buffer
 // of one conduit.
@@ -23,12 +25,13 @@
 
 #include "kt/buffer.h"
 #include "kt/extension.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
 class Path;
 
-class IBoundMetric {
+class KT_EXPORT IBoundMetric {
  public:
   virtual ~IBoundMetric() {}  // slots 0, 1
   // Slot 2: the write side of the binding's buffer for the conduit
@@ -36,15 +39,17 @@ class IBoundMetric {
   virtual void AttachBuffer(unsigned long conduitHandle, IWriteBuffer* buffer) = 0;
   // Slot 3: stop writing into the buffer of `conduitHandle`.
   virtual void DetachBuffer(unsigned long conduitHandle) = 0;
-  // Slot 4: the handle of the metric this object writes.
+  // Slot 4: the handle of the metric this object writes. The library never
+  // calls it.
   virtual unsigned long GetMetricHandle() = 0;
-  // Slot 5: whether a buffer of `conduitHandle` is attached.
+  // Slot 5: whether a buffer of `conduitHandle` is attached. The library never
+  // calls it.
   virtual bool IsAttached(unsigned long conduitHandle) = 0;
   // Slot 6: write out what is held for `conduitHandle`.
   virtual void Flush(unsigned long conduitHandle) = 0;
 };
 
-class IPublisher : public virtual IKTExtensionBase {
+class KT_EXPORT IPublisher : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "IPublisher" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // IRemoteMethod: the extension interface of a method that answers calls
 // arriving as buffers, and RemoteMethodDesc, the record a method describes
 // itself with.
@@ -20,6 +22,7 @@
 
 #include "kt/buffer.h"
 #include "kt/extension.h"
+#include "kt/visibility.h"
 
 namespace MetricsFramework {
 
@@ -40,7 +43,7 @@ static_assert(offsetof(RemoteMethodDesc, m_name) == 0 &&
                   offsetof(RemoteMethodDesc, m_outputCount) == 516,
               "name at 0, words at 384 and 516, the unread block at 388");
 
-class IRemoteMethod : public virtual IKTExtensionBase {
+class KT_EXPORT IRemoteMethod : public virtual IKTExtensionBase {
  public:
   // Slot 0: answers "IRemoteMethod" with this object, "IKTExtensionBase" and
   // "IExtension" with its extension base, and null for any other name.

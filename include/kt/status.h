@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+//
 // Status codes returned by every fallible operation of the framework.
 //
 // A status is a 32-bit unsigned value; zero is success. The values are part of

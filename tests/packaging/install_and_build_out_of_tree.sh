@@ -52,8 +52,29 @@ fi
 PKG_CONFIG_LIBDIR=$prefix/$libdir/pkgconfig PKG_CONFIG_PATH= \
   build_and_check pkg_config_project test_publisher.cpp libpc_publisher.so TestPublisher
 
+# The installed kt-host, run from elsewhere, finds the installed library and
+# the example modules beside itself, and compiles in no path of the build.
+host=$prefix/bin/kt-host
+for file in "$host" "$prefix/share/man/man1/kt-host.1" "$prefix/share/kt/lsan.supp" \
+            "$prefix/share/kt/valgrind.supp" "$prefix/$libdir/kt/modules/libkt_console_consumer.so"; do
+  [ -f "$file" ] || { echo "FAIL: $file was not installed" >&2; exit 1; }
+done
+if readelf -p .rodata "$host" | grep -qF "$build"; then
+  echo "FAIL: $host holds a path of the build tree $build" >&2
+  exit 1
+fi
+version=$(cd "$work" && "$host" --version)
+[ "$version" = "kt-host $(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")" ] ||
+  { echo "FAIL: kt-host --version says '$version'" >&2; exit 1; }
+watch=$(cd "$work" && KT_SYSTEM_PUBLISHER_PERIOD_MS=100 "$host" watch --seconds 1 2>&1)
+if ! grep -q "samples received from [1-9]" <<<"$watch"; then
+  echo "FAIL: the installed kt-host watched nothing:" >&2
+  echo "$watch" >&2
+  exit 1
+fi
+
 # Last, kt-host loads the installed library and both out-of-tree modules.
-tree=$("$build/tools/kt-host" --library "$prefix/$libdir/libkt_DefaultManager.so" --no-examples \
+tree=$("$host" --library "$prefix/$libdir/libkt_DefaultManager.so" --no-examples \
   --load "$work/find_package_project/build/libfound_consumer.so" \
   --load "$work/pkg_config_project/build/libpc_publisher.so" tree)
 for name in TestConsumer TestPublisher cpu; do

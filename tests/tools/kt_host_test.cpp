@@ -1,26 +1,44 @@
 // Runs the kt-host program as a user does, with its output not a terminal,
 // and checks what it prints and how it exits.
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 namespace {
 
+const std::string kHost = KT_HOST_PATH;
+const std::string kHostDir = kHost.substr(0, kHost.rfind('/'));
+
 class KtHostTest : public ::testing::Test {
  protected:
   struct Result {
     int status;
-    std::string output;  // standard output and standard error together
+    std::string output;  // standard output, and standard error unless kept apart
     bool Has(const std::string& text) const { return output.find(text) != std::string::npos; }
+    std::vector<std::string> Lines(const std::string& prefix) const {
+      std::vector<std::string> lines;
+      std::istringstream in(output);
+      for (std::string line; std::getline(in, line);) {
+        if (line.compare(0, prefix.size(), prefix) == 0) lines.push_back(line);
+      }
+      return lines;
+    }
   };
 
-  static Result Run(const std::string& args) {
+  // Runs kt-host with `args` under the shell; `errors` says where standard
+  // error goes.
+  static Result Run(const std::string& args, const std::string& errors = "2>&1") {
     const std::string command =
-        std::string("KT_SYSTEM_PUBLISHER_PERIOD_MS=100 ") + KT_HOST_PATH + " " + args + " 2>&1";
+        "KT_SYSTEM_PUBLISHER_PERIOD_MS=100 " + kHost + " " + args + " " + errors;
     Result result{-1, ""};
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr) return result;
@@ -31,35 +49,126 @@ class KtHostTest : public ::testing::Test {
     result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
     return result;
   }
+
+  // Starts kt-host with `args`, sends `signal` once its first sample line
+  // has arrived, and collects the rest.
+  static Result RunUntilSignal(const std::vector<std::string>& args, int signal) {
+    int out[2];
+    if (pipe(out) != 0) return {-1, ""};
+    const pid_t child = fork();
+    if (child == 0) {
+      dup2(out[1], STDOUT_FILENO);
+      dup2(out[1], STDERR_FILENO);
+      close(out[0]);
+      std::vector<char*> argv{const_cast<char*>(kHost.c_str())};
+      for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+      argv.push_back(nullptr);
+      setenv("KT_SYSTEM_PUBLISHER_PERIOD_MS", "100", 1);
+      execv(kHost.c_str(), argv.data());
+      _exit(127);
+    }
+    close(out[1]);
+    Result result{-1, ""};
+    char chunk[4096];
+    ssize_t read = 0;
+    bool sent = false;
+    while ((read = ::read(out[0], chunk, sizeof chunk)) > 0) {
+      result.output.append(chunk, static_cast<size_t>(read));
+      if (!sent && result.Has(" sample ")) sent = kill(child, signal) == 0;
+    }
+    close(out[0]);
+    int raw = 0;
+    waitpid(child, &raw, 0);
+    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    return result;
+  }
 };
 
-TEST_F(KtHostTest, WatchPrintsSamplesAsPlainLinesAndExitsCleanly) {
+TEST_F(KtHostTest, SampleLinesCarryATimeStampTheMetricAndTheUnit) {
   const Result run = Run("watch --seconds 2");
 
   EXPECT_EQ(run.status, 0) << run.output;
-  EXPECT_TRUE(run.Has("sample publishers/SystemPublisher/cpu_percent")) << run.output;
-  EXPECT_TRUE(run.Has("sample publishers/SystemPublisher/resident_size")) << run.output;
-  EXPECT_FALSE(run.Has("\x1b[H")) << "no live table when the output is not a terminal";
-  EXPECT_FALSE(run.Has(" 0 updates received")) << run.output;
+  size_t samples = 0;
+  for (const std::string& line : run.Lines("20")) {
+    if (line.find(" sample ") == std::string::npos) continue;  // a log line
+    ++samples;
+    EXPECT_EQ(line.find("Z sample publishers/SystemPublisher/"), 23u) << line;
+    EXPECT_NE(line.find(" tag "), std::string::npos) << line;
+  }
+  EXPECT_GT(samples, 0u) << run.output;
+  EXPECT_TRUE(run.Has("cpu_percent   tag 101 value ")) << run.output;
+  EXPECT_TRUE(run.Has(" MiB\n")) << "memory samples end with their unit";
+  EXPECT_FALSE(run.Has("\x1b[")) << "no live table when the output is not a terminal";
+  // The summary counts what the lines show.
+  EXPECT_TRUE(run.Has(std::to_string(samples) + " samples received from 6 of 7")) << run.output;
+  EXPECT_TRUE(run.Has("no samples from: publishers/ProbePublisher/probe_events")) << run.output;
 }
 
-TEST_F(KtHostTest, WatchSubscribesOnlyToMatchingMetrics) {
-  const Result run = Run("watch --seconds 1 --match cpu_percent");
+TEST_F(KtHostTest, JsonAndCsvKeepStandardOutputForTheData) {
+  const Result json = Run("watch --seconds 1 --format json --match cpu_percent", "2>/dev/null");
+  const Result csv = Run("watch --seconds 1 --format csv --match cpu_percent", "2>/dev/null");
+
+  ASSERT_EQ(json.status, 0);
+  const std::vector<std::string> objects = json.Lines("");
+  ASSERT_FALSE(objects.empty());
+  for (const std::string& object : objects) {
+    EXPECT_EQ(object.find("{\"time\":\"20"), 0u) << object;
+    EXPECT_NE(object.find("Z\",\"metric\":\"publishers/SystemPublisher/cpu_percent\","),
+              std::string::npos) << object;
+    EXPECT_NE(object.find(",\"tag\":101,\"value\":"), std::string::npos) << object;
+    EXPECT_EQ(object.substr(object.size() - 12), ",\"unit\":\"%\"}") << object;
+  }
+  ASSERT_EQ(csv.status, 0);
+  const std::vector<std::string> rows = csv.Lines("");
+  ASSERT_GE(rows.size(), 2u);
+  EXPECT_EQ(rows[0], "time,metric,tag,value,unit");
+  for (size_t i = 1; i < rows.size(); ++i) {
+    EXPECT_NE(rows[i].find("Z,\"publishers/SystemPublisher/cpu_percent\",101,"), std::string::npos)
+        << rows[i];
+    EXPECT_EQ(rows[i].substr(rows[i].size() - 4), ",\"%\"") << rows[i];
+  }
+}
+
+TEST_F(KtHostTest, EveryMatchIsWatched) {
+  const Result run = Run("watch --seconds 1 --match cpu_percent --match memory_used");
 
   EXPECT_EQ(run.status, 0) << run.output;
-  EXPECT_TRUE(run.Has("Watching 1 metrics")) << run.output;
-  EXPECT_TRUE(run.Has("sample publishers/SystemPublisher/cpu_percent")) << run.output;
-  EXPECT_FALSE(run.Has("sample publishers/SystemPublisher/memory_used")) << run.output;
+  EXPECT_TRUE(run.Has("Watching 2 metrics for 1 s")) << run.output;
+  EXPECT_TRUE(run.Has("sample publishers/SystemPublisher/memory_used")) << run.output;
+  EXPECT_FALSE(run.Has("sample publishers/SystemPublisher/resident_size")) << run.output;
+}
+
+// Each row: the watch arguments and what the first line says of its length.
+TEST_F(KtHostTest, ASignalStopsWatchWithASummaryAndACleanUnload) {
+  const std::pair<std::vector<std::string>, const char*> rows[] = {
+      {{"watch", "--seconds", "0"}, "Watching 7 metrics until interrupted"},
+      {{"watch", "--seconds", "9223372036"}, "Watching 7 metrics for 9223372036 s"},
+  };
+  for (int signal : {SIGTERM, SIGINT}) {
+    for (const auto& [args, first] : rows) {
+      const Result run = RunUntilSignal(args, signal);
+
+      EXPECT_EQ(run.status, 0) << run.output;
+      EXPECT_TRUE(run.Has(first)) << run.output;
+      EXPECT_TRUE(run.Has(" samples received from ")) << run.output;
+      EXPECT_TRUE(run.Has("kt-host: stopped by a signal; 4 modules unloaded")) << run.output;
+    }
+  }
 }
 
 TEST_F(KtHostTest, TreeShowsEveryExampleExtensionAndTheLibrarysMethod) {
   const Result run = Run("tree");
+  const Result all = Run("tree --all");
 
   EXPECT_EQ(run.status, 0) << run.output;
   for (const char* name : {"SystemPublisher", "ProbePublisher", "event_counter", "ConsoleConsumer",
                            "StderrLogger", "ClientCommandMethod", "cpu_percent  [metric, kind 4]"}) {
     EXPECT_TRUE(run.Has(name)) << name << " missing from\n" << run.output;
   }
+  EXPECT_FALSE(run.Has("conduits")) << run.output;
+  EXPECT_TRUE(all.Has("  conduits  (unlisted; none yet)")) << all.output;
+  EXPECT_TRUE(all.Has("ConsoleConsumer  [consumer, kind 1]  handle ")) << all.output;
+  EXPECT_TRUE(all.Has(" data 0x4 target 0x0")) << "the module's descriptor word\n" << all.output;
 }
 
 TEST_F(KtHostTest, MetricsShowDescriptionsAndThePublishersLists) {
@@ -79,23 +188,56 @@ TEST_F(KtHostTest, ProbeOfTheProbeTypeIsCreatedAndDestroyed) {
   EXPECT_TRUE(run.Has("destroyed: KT_STATUS_SUCCESS")) << run.output;
 }
 
-// Each row: the arguments and the text its one-line usage error must hold.
-TEST_F(KtHostTest, BadOptionsAndUnloadableModulesAreUsageErrorsOfOneLine) {
+TEST_F(KtHostTest, HelpExplainsEveryOptionAndEachCommandHasItsOwn) {
+  const std::pair<std::string, std::vector<const char*>> rows[] = {
+      {"--help", {"--library PATH ", "The manager library to load", "--load PATH ...",
+                  "Add the extension module", "--no-examples ", "Do not add the example modules",
+                  "--module-dir DIR ", "Where the example modules are", "--version", "watch "}},
+      {"watch --help", {"--seconds INT", "--match TEXT", "--format TEXT:{table,lines,json,csv}"}},
+      {"tree --help", {"--all   ", "Also print the unlisted branches"}},
+      {"--version", {"kt-host 0.", "\n"}},
+  };
+  for (const auto& [args, texts] : rows) {
+    const Result run = Run(args);
+    EXPECT_EQ(run.status, 0) << args;
+    for (const char* text : texts) EXPECT_TRUE(run.Has(text)) << args << ": " << text << "\n" << run.output;
+  }
+}
+
+// Each row: the arguments and the text its usage error must hold.
+TEST_F(KtHostTest, BadOptionsAndUnloadableModulesAreUsageErrors) {
+  const std::string module = kHostDir + "/../examples/libkt_console_consumer.so";
+  const std::string copy = testing::TempDir() + "libkt_console_consumer_copy.so";
+  ASSERT_EQ(std::system(("cp " + module + " " + copy).c_str()), 0);
+  const std::string noTable = KT_NO_TABLE_MODULE;
+  const std::string inItsDirectory = "cd " + noTable.substr(0, noTable.rfind('/')) + " && " + kHost;
   const std::pair<std::string, const char*> rows[] = {
-      {"--frobnicate", ""},
-      {"watch --seconds soon", ""},
-      {"tree --match x", ""},
-      {"--load", ""},
+      {"--frobnicate", "(try --help)"},
+      {"watch --seconds soon", "--seconds"},
+      {"watch --seconds=-1", "--seconds"},
+      {"watch --format xml", "--format"},
+      {"tree --match x", "--match"},
+      {"--load", "--load"},
       {"--load /nonexistent.so tree", "kt-host: cannot load module"},
-      {std::string("--load ") + KT_NO_TABLE_MODULE + " tree", "no __extension_export_table__"},
+      {"--load=" + noTable + " tree", "no __extension_export_table__"},
+      {"--load " + module + " tree", "is given twice"},
+      {"--load " + copy + " tree", "an extension was refused"},
       {"--library /nonexistent/libkt_DefaultManager.so tree", "kt-host: cannot load library"},
   };
   for (const auto& [args, text] : rows) {
     const Result run = Run(args);
-    EXPECT_EQ(run.status, 2) << args;
-    EXPECT_EQ(run.output.find('\n'), run.output.size() - 1) << args << ": " << run.output;
+    EXPECT_EQ(run.status, 2) << args << ": " << run.output;
     EXPECT_TRUE(run.Has(text)) << args << ": " << run.output;
+    EXPECT_FALSE(run.Has("Registry tree")) << args << ": the command must not run";
   }
+  // A file name without a directory is a file of the current directory.
+  FILE* pipe = popen((inItsDirectory + " --no-examples --load libkt_no_table_module.so tree 2>&1").c_str(), "r");
+  ASSERT_NE(pipe, nullptr);
+  char line[512] = "";
+  const bool read = std::fgets(line, sizeof line, pipe) != nullptr;
+  pclose(pipe);
+  EXPECT_TRUE(read && std::string(line).find("no __extension_export_table__") != std::string::npos)
+      << line;
 }
 
 }  // namespace
