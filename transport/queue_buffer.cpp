@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <typeinfo>
 
-#include "host/default_extension_manager.h"
-#include "host/diagnostics.h"
-#include "host/registry_manager.h"
-#include "state/conduit_state.h"
+#include "foundation/diagnostics.h"
+#include "registry/path_data.h"
+#include "registry/registry_manager.h"
 
 namespace MetricsFramework {
 namespace {
@@ -31,12 +29,12 @@ Path* FindConduitPath(IConduit* conduit, unsigned long conduitHandle) {
   return manager->GetRegistry().ResolveHandle(conduitHandle);
 }
 
-// Whether a push handed to the conduit's manager ends in ConduitState::PushData
-// of the state filed under the conduit's handle and nothing else: true only for
-// this library's manager itself, not for a class derived from it.
-bool ManagerRoutesToState(IConduit* conduit) {
-  IExtensionManager* manager = conduit != nullptr ? conduit->GetExtensionManager() : nullptr;
-  return manager != nullptr && typeid(*manager) == typeid(DefaultExtensionManager);
+// Whether a push handed to the conduit's manager ends at the payload of the
+// conduit's node and nothing else.
+bool ManagerPushesToNode(IConduit* conduit) {
+  auto* manager = dynamic_cast<IRegistryManager*>(
+      conduit != nullptr ? conduit->GetExtensionManager() : nullptr);
+  return manager != nullptr && manager->PushesEndAtConduitNodes();
 }
 
 }  // namespace
@@ -65,11 +63,14 @@ QueueBuffer::~QueueBuffer() {
 
 bool QueueBuffer::SortBySize(const HeapState*, const HeapState*) { return false; }
 
+IPushTarget* QueueBuffer::NodeTarget() const {
+  return conduitPath != nullptr ? dynamic_cast<IPushTarget*>(conduitPath->GetPayload()) : nullptr;
+}
+
 bool QueueBuffer::AttachRoute(PushRoute* newRoute) {
   if (newRoute != nullptr) {
-    ConduitState* state = newRoute->State();
-    if (state == nullptr || conduitPath == nullptr || state->m_path != conduitPath ||
-        conduitPath->GetPayload() != state || !ManagerRoutesToState(conduit)) {
+    IPushTarget* target = newRoute->Target();
+    if (target == nullptr || target != NodeTarget() || !ManagerPushesToNode(conduit)) {
       return false;
     }
     newRoute->Hold();
@@ -159,13 +160,9 @@ void QueueBuffer::Commit(void* data) {
 void QueueBuffer::CommitTimeBasedMetric(void* data) {
   // No block, no sample: consumers are never handed a null sample to read.
   if (data == nullptr) return;
-  if (ConduitState* state = RoutedState()) {
-    state->PushDataForTimeBasedMetric(bindingHandle, data);
-  } else if (conduitPath != nullptr) {
-    if (auto* found = dynamic_cast<ConduitState*>(conduitPath->GetPayload())) {
-      found->PushDataForTimeBasedMetric(bindingHandle, data);
-    }
-  }
+  IPushTarget* target = RoutedTarget();
+  if (target == nullptr) target = NodeTarget();
+  if (target != nullptr) target->PushDataForTimeBasedMetric(bindingHandle, data);
   // The block is never queued, so no reader will release it: it goes back to
   // its arena here, or every time-based sample would grow the buffer. A buffer
   // without a conduit node delivers nothing and still releases the block, so
@@ -190,9 +187,7 @@ KT_STATUS QueueBuffer::Push() {
   if (conduit == nullptr || bindingHandle == 0) return KT_STATUS_SUCCESS;
   if (committedCount.load(std::memory_order_acquire) == 0) return KT_STATUS_SUCCESS;
   // A route is attached only where the manager would send this push.
-  if (ConduitState* state = RoutedState()) {
-    return state->PushData(bindingHandle, this);
-  }
+  if (IPushTarget* target = RoutedTarget()) return target->PushData(bindingHandle, this);
   IExtensionManager* manager = conduit->GetExtensionManager();
   if (manager == nullptr) return Fail(KT_STATUS_INVALID_OPERATION, "extensionManager");
   return manager->PushDataToConsumers(conduitHandle, bindingHandle, this);

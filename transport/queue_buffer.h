@@ -13,10 +13,11 @@
 // blocks are released; until then its space is not reused, and a slow reader
 // makes the buffer add arenas, each larger than the largest one so far.
 //
-// A conduit state that binds a metric to the buffer attaches its route
-// (AttachRoute, below) and detaches it when the binding ends. While the route
-// is attached and open, a push goes straight to its state, which is where this
-// library's manager would route it, so that samples need no lookup by handle.
+// The payload of the conduit's node that binds a metric to the buffer
+// attaches its route (AttachRoute, below) and detaches it when the binding
+// ends. While the route is attached and open, a push goes straight to its
+// target, which is where this library's manager would route it, so that
+// samples need no lookup by handle.
 //
 // Ownership: the buffer owns its arenas; the conduit that made it owns the
 // buffer. Blocks stay valid until they are released, Clear, Reset or the
@@ -44,40 +45,10 @@
 #include "kt/conduit.h"
 #include "kt/status.h"
 #include "registry/path.h"
+#include "transport/push_target.h"
 #include "transport/ring_queue.h"
 
 namespace MetricsFramework {
-
-class ConduitState;
-
-// PushRoute: the way from a buffer to the conduit state it is bound through,
-// shared by that state and its buffers so that either may go first. The state
-// makes it, closes it when it is destroyed (State() is null from then on) and
-// lets go; each buffer holds it while attached; the last holder frees it.
-// Threads: any; State() may be read while the state closes it, but pushes
-// that use the state must have ended before the state is destroyed, as they
-// must for a push routed by the manager.
-class PushRoute {
- public:
-  // The maker holds the new route.
-  explicit PushRoute(ConduitState* state) : state(state), holders(1) {}
-  PushRoute(const PushRoute&) = delete;
-  PushRoute& operator=(const PushRoute&) = delete;
-
-  ConduitState* State() const { return state.load(std::memory_order_acquire); }
-  void Close() { state.store(nullptr, std::memory_order_release); }
-  void Hold() { holders.fetch_add(1, std::memory_order_relaxed); }
-  // Lets go; the last holder frees the route.
-  void Release() {
-    if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
-  }
-
- private:
-  ~PushRoute() = default;
-
-  std::atomic<ConduitState*> state;
-  std::atomic<int> holders;
-};
 
 // One arena: a plain record owned by its buffer.
 struct HeapState {
@@ -128,7 +99,7 @@ class QueueBuffer : public IReadWriteBuffer {
   // take the oldest block; with it, does nothing (every Commit has pushed).
   void Flush() override;
 
-  // Asks the conduit's extension manager (or the attached state, where the
+  // Asks the conduit's extension manager (or the attached target, where the
   // manager would send it) to deliver the oldest block to the consumers of
   // the binding. Returns KT_STATUS_SUCCESS without calling anyone when there
   // is no conduit, no binding or nothing queued; KT_STATUS_INVALID_OPERATION
@@ -141,12 +112,12 @@ class QueueBuffer : public IReadWriteBuffer {
   // buffer to `bindingHandle`. For a pooled buffer handed to a new binding.
   void Reset(unsigned long bindingHandle);
 
-  // Holds `route`, so that pushes and time-based samples reach its state
+  // Holds `route`, so that pushes and time-based samples reach its target
   // without a lookup, and lets go of the route held before; null detaches.
-  // Attaches nothing, and returns false, unless the route's state is the
-  // payload of the conduit's node and the conduit's manager is exactly this
-  // library's extension manager (whose push routes to that payload): other
-  // managers still see every push.
+  // Attaches nothing, and returns false, unless the route's target is the
+  // payload of the conduit's node and the conduit's manager says that its
+  // pushes end at that payload (IRegistryManager): other managers still see
+  // every push.
   bool AttachRoute(PushRoute* route);
 
   // The arena order used after adding an arena: answers false for every pair,
@@ -188,11 +159,13 @@ class QueueBuffer : public IReadWriteBuffer {
 
   // The oldest committed block, or null.
   const void* Front() const;
-  // The state of the attached route while it is open, or null.
-  ConduitState* RoutedState() const {
+  // The target of the attached route while it is open, or null.
+  IPushTarget* RoutedTarget() const {
     PushRoute* held = route.load(std::memory_order_acquire);
-    return held != nullptr ? held->State() : nullptr;
+    return held != nullptr ? held->Target() : nullptr;
   }
+  // The payload of the conduit's node as a push target, or null.
+  IPushTarget* NodeTarget() const;
   // The place of the live block that starts at `data` in `live`, or
   // live.Size() when there is none. The newest and the oldest are tried
   // first: a commit names the block just reserved, a release the oldest.

@@ -1,0 +1,295 @@
+#include "state/data_push.h"
+
+#include <memory>
+
+#include "foundation/diagnostics.h"
+#include "state/consumer_state.h"
+
+namespace MetricsFramework {
+
+namespace {
+
+// The tag that marks a time-based sample to its consumers.
+constexpr unsigned long kTimeBasedTag = 199;
+
+// Gives back the oldest sample of `buffer`, which will not be delivered: left
+// queued, the metric would lag one sample behind forever.
+void ReleaseOldest(const IReadBuffer* buffer) {
+  const void* data = nullptr;
+  buffer->GetData(&data, nullptr);
+  if (data != nullptr) buffer->MakeAvailable(data);
+}
+
+// A consumer that throws must not take the host down, nor keep the others
+// from their sample: the call is dropped with one line.
+template <typename Call>
+void CallGuarded(Call call) {
+  try {
+    call();
+  } catch (...) {
+    LogUnder("RegistryState", "A consumer threw from its update; the sample is dropped for it.");
+  }
+}
+
+}  // namespace
+
+// The entries one push delivers, as parallel arrays shared by every consumer.
+struct DataPush::Cycle {
+  // Empties the arrays and keeps their room.
+  void Clear() {
+    handles.clear();
+    tags.clear();
+    data.clear();
+    sizes.clear();
+    buffers.clear();
+  }
+
+  std::vector<unsigned long> handles;
+  std::vector<unsigned long> tags;
+  std::vector<const void*> data;
+  std::vector<unsigned long> sizes;
+  std::vector<const IReadBuffer*> buffers;
+};
+
+DataPush::DataPush(Path* conduitNode)
+    : m_conduitNode(conduitNode), m_tablesLock(true), m_spareCycle(nullptr) {}
+
+DataPush::~DataPush() { delete m_spareCycle.exchange(nullptr); }
+
+DataPush::Recorded DataPush::RecordMetric(unsigned long metric, unsigned long tag,
+                                          GroupKey group) {
+  // One hold: a push never finds the metric half recorded.
+  WriteGuard hold(m_tablesLock);
+  MetricEntry& entry = m_metrics[metric];
+  entry.tag = tag;
+  entry.tagged = true;
+  if (!entry.member) {  // an existing membership is kept
+    entry.group = group;
+    entry.member = true;
+  }
+  Recorded recorded{group, false, false};
+  recorded.toTemplate = m_groupTemplate[group.first][group.second].insert(metric).second;
+  recorded.toExpected = m_groupExpected[group.first][group.second].insert(metric).second;
+  return recorded;
+}
+
+void DataPush::WithdrawFromGroup(unsigned long metric, const Recorded& recorded) {
+  if (!recorded.toTemplate && !recorded.toExpected) return;
+  WriteGuard hold(m_tablesLock);
+  const GroupKey& group = recorded.group;
+  if (recorded.toTemplate) m_groupTemplate[group.first][group.second].erase(metric);
+  if (recorded.toExpected) m_groupExpected[group.first][group.second].erase(metric);
+}
+
+void DataPush::ForgetMetric(unsigned long metric) {
+  WriteGuard hold(m_tablesLock);
+  m_pending.erase(metric);
+  auto it = m_metrics.find(metric);
+  if (it == m_metrics.end()) return;
+  MetricEntry& entry = it->second;
+  if (entry.member && entry.group.second != kUngrouped) {
+    const GroupKey group = entry.group;
+    m_groupTemplate[group.first][group.second].erase(metric);
+    m_groupExpected[group.first][group.second].erase(metric);
+    // The metric's samples still waiting in the cycle go, handle and buffer
+    // together: the buffer goes back to its pool, and the two vectors stay
+    // parallel.
+    std::vector<unsigned long>& handles = m_collectedHandles[group.first][group.second];
+    std::vector<const IReadBuffer*>& buffers = m_collectedBuffers[group.first][group.second];
+    size_t kept = 0;
+    for (size_t i = 0; i < handles.size() && i < buffers.size(); ++i) {
+      if (handles[i] == metric) continue;
+      handles[kept] = handles[i];
+      buffers[kept] = buffers[i];
+      ++kept;
+    }
+    handles.resize(kept);
+    buffers.resize(kept);
+  }
+  entry.tagged = false;
+  entry.member = false;
+  if (!entry.batched) m_metrics.erase(it);  // the batch mark outlives subscriptions
+}
+
+void DataPush::AddBatchMetric(unsigned long metric) {
+  WriteGuard hold(m_tablesLock);
+  m_metrics[metric].batched = true;
+}
+
+void DataPush::Clear() {
+  WriteGuard hold(m_tablesLock);
+  m_metrics.clear();
+  m_groupTemplate.clear();
+  m_groupExpected.clear();
+  m_collectedHandles.clear();
+  m_collectedBuffers.clear();
+  m_pending.clear();
+}
+
+KT_STATUS DataPush::Push(unsigned long metric, const IReadBuffer* buffer) {
+  MetricEntry entry;
+  {
+    WriteGuard hold(m_tablesLock);
+    auto it = m_metrics.find(metric);
+    if (it != m_metrics.end()) entry = it->second;
+  }
+  if (!entry.member) {
+    ReleaseOldest(buffer);
+    return KT_STATUS_INVALID_ARGUMENT;
+  }
+  if (entry.group.second != kUngrouped) {
+    // Two pushes at once find one spare at most; the other makes its own, and
+    // the spare given back last is kept.
+    std::unique_ptr<Cycle> cycle(m_spareCycle.exchange(nullptr, std::memory_order_acq_rel));
+    if (cycle == nullptr) cycle.reset(new Cycle());
+    if (CollectGrouped(metric, buffer, entry.group, cycle.get())) Deliver(*cycle);
+    cycle->Clear();
+    delete m_spareCycle.exchange(cycle.release(), std::memory_order_acq_rel);
+    return KT_STATUS_SUCCESS;
+  }
+  if (!entry.tagged) {
+    ReleaseOldest(buffer);
+    return KT_STATUS_DOES_NOT_EXIST;
+  }
+  const void* data = nullptr;
+  unsigned long size = 0;
+  buffer->GetData(&data, &size);
+  if (data == nullptr) return KT_STATUS_SUCCESS;  // nothing queued: nothing to deliver
+  if (entry.batched) {
+    CallBatchedConsumers(metric, entry.tag, data);
+  } else {
+    CallConsumers(1, &metric, &entry.tag, &data, &size);
+  }
+  buffer->MakeAvailable(data);
+  return KT_STATUS_SUCCESS;
+}
+
+bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, GroupKey group,
+                              Cycle* cycle) {
+  WriteGuard hold(m_tablesLock);
+  m_pending[metric] = buffer;
+  MemberSet& expected = m_groupExpected[group.first][group.second];
+  std::vector<unsigned long>& handles = m_collectedHandles[group.first][group.second];
+  std::vector<const IReadBuffer*>& buffers = m_collectedBuffers[group.first][group.second];
+
+  MemberSet::node_type member = expected.extract(metric);
+  const bool wasExpected = !member.empty();
+  if (wasExpected) {
+    m_spareMembers.push_back(std::move(member));
+    handles.push_back(metric);
+    buffers.push_back(buffer);
+    if (!expected.empty()) return false;  // the cycle waits for its other members
+  }
+  // The cycle is complete, or ends early because this member's sample for it
+  // has already arrived (or no cycle has started yet).
+  for (size_t i = 0; i < handles.size(); ++i) {
+    auto it = m_metrics.find(handles[i]);
+    if (it == m_metrics.end() || !it->second.tagged) {
+      ReleaseOldest(buffers[i]);  // a member without a tag is left out, not left behind
+      continue;
+    }
+    const void* data = nullptr;
+    unsigned long size = 0;
+    buffers[i]->GetData(&data, &size);
+    if (data == nullptr) continue;
+    cycle->handles.push_back(handles[i]);
+    cycle->tags.push_back(it->second.tag);
+    cycle->data.push_back(data);
+    cycle->sizes.push_back(size);
+    cycle->buffers.push_back(buffers[i]);
+  }
+  handles.clear();
+  buffers.clear();
+  RefillExpected(expected, m_groupTemplate[group.first][group.second]);
+  if (!wasExpected) {
+    // This sample opens the next cycle.
+    handles.push_back(metric);
+    buffers.push_back(buffer);
+    member = expected.extract(metric);
+    if (!member.empty()) m_spareMembers.push_back(std::move(member));
+  }
+  return !cycle->handles.empty();
+}
+
+void DataPush::RefillExpected(MemberSet& expected, const MemberSet& members) {
+  while (!expected.empty()) m_spareMembers.push_back(expected.extract(expected.begin()));
+  for (unsigned long member : members) {
+    if (m_spareMembers.empty()) {
+      expected.insert(member);
+      continue;
+    }
+    MemberSet::node_type node = std::move(m_spareMembers.back());
+    m_spareMembers.pop_back();
+    node.value() = member;
+    expected.insert(std::move(node));
+  }
+}
+
+void DataPush::Deliver(Cycle& cycle) {
+  // One call per consumer for the whole cycle; the samples go back to their
+  // buffers after every consumer has been called.
+  CallConsumers(static_cast<unsigned int>(cycle.handles.size()), cycle.handles.data(),
+                cycle.tags.data(), cycle.data.data(), cycle.sizes.data());
+  for (size_t i = 0; i < cycle.buffers.size(); ++i) cycle.buffers[i]->MakeAvailable(cycle.data[i]);
+}
+
+void DataPush::PushTimeBased(unsigned long metric, const void* data) {
+  // Deliberately a fixed tag and no sizes: that marks a time-based sample.
+  unsigned long handle = metric;
+  const unsigned long tag = kTimeBasedTag;
+  CallConsumers(1, &handle, &tag, &data, nullptr);
+}
+
+Path* DataPush::SubscriptionNode(ConsumerList& list, const char* name) {
+  Path* node = list.node.load(std::memory_order_acquire);
+  if (node != nullptr) return node;
+  node = m_conduitNode != nullptr ? m_conduitNode->GetChild(name, 0) : nullptr;
+  if (node != nullptr) list.node.store(node, std::memory_order_release);
+  return node;
+}
+
+void DataPush::ForgetNodes() {
+  m_consumers.node.store(nullptr, std::memory_order_release);
+  m_batchConsumers.node.store(nullptr, std::memory_order_release);
+}
+
+void DataPush::Refresh(ConsumerList& list, Path* node) {
+  if (list.builtFrom == node && list.changes == node->ChildChanges()) return;
+  list.entries.clear();
+  node->ForEachChild([&](Path* child) {
+    auto* state = dynamic_cast<ConsumerState*>(child->GetPayload());
+    if (state != nullptr && state->GetConsumer() != nullptr) {
+      list.entries.push_back({child, state, state->GetConsumer()});
+    }
+  });
+  list.builtFrom = node;
+  list.changes = node->ChildChanges();
+}
+
+void DataPush::CallConsumers(unsigned int count, unsigned long* handles, const unsigned long* tags,
+                             const void** data, unsigned long* sizes) {
+  Path* node = SubscriptionNode(m_consumers, "subscriptions");
+  if (node == nullptr) return;  // delivers to nobody
+  WriteGuard hold(node->GetLock());
+  Refresh(m_consumers, node);
+  for (const ConsumerList::Entry& entry : m_consumers.entries) {
+    // A consumer whose state went (its node is being destroyed) is skipped.
+    if (entry.node->GetPayload() != entry.state) continue;
+    CallGuarded([&] { entry.consumer->OnMetricUpdated(count, handles, tags, data, sizes); });
+  }
+}
+
+void DataPush::CallBatchedConsumers(unsigned long metric, unsigned long tag, const void* data) {
+  Path* node = SubscriptionNode(m_batchConsumers, "batch_subscriptions");
+  if (node == nullptr) return;
+  WriteGuard hold(node->GetLock());
+  Refresh(m_batchConsumers, node);
+  for (const ConsumerList::Entry& entry : m_batchConsumers.entries) {
+    if (entry.node->GetPayload() != entry.state) continue;
+    IConsumer2* batched = entry.state->GetBatchedFace();
+    if (batched == nullptr) continue;
+    CallGuarded([&] { batched->OnBatchMetricUpdated(metric, tag, data); });
+  }
+}
+
+}  // namespace MetricsFramework
