@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <mutex>
 
 #include "foundation/diagnostics.h"
 #include "registry/path_data.h"
@@ -42,7 +43,6 @@ bool ManagerPushesToNode(IConduit* conduit) {
 QueueBuffer::QueueBuffer(unsigned int initialSize, IConduit* conduit, unsigned long conduitHandle,
                          unsigned long bindingHandle, unsigned int flags)
     : heaps(new std::list<HeapState*>()),
-      committedLock(true),
       committedCount(0),
       firstCommit(true),
       conduit(conduit),
@@ -82,7 +82,7 @@ bool QueueBuffer::AttachRoute(PushRoute* newRoute) {
 void* QueueBuffer::Reserve(unsigned long size) {
   // Block sizes are 32-bit: the upper half of `size` is dropped on purpose.
   const unsigned int n = static_cast<unsigned int>(size);
-  std::lock_guard<std::mutex> hold(heapMutex);
+  std::lock_guard<LeafMutex> hold(queueMutex);
 
   // Fit checks and new capacities are summed in 64 bits so that a size near
   // 4 GiB cannot wrap around into an arena too small for it.
@@ -130,16 +130,11 @@ std::size_t QueueBuffer::FindLive(const void* data) const {
 }
 
 void QueueBuffer::Commit(void* data) {
-  unsigned int n = 0;
   {
-    std::lock_guard<std::mutex> hold(heapMutex);
+    std::lock_guard<LeafMutex> hold(queueMutex);
     const std::size_t at = FindLive(data);
-    if (at != live.Size()) n = live[at].size;
-  }
-  if (n == 0) return;
-
-  {
-    WriteGuard hold(committedLock);
+    if (at == live.Size()) return;
+    const unsigned int n = live[at].size;
     // A block committed again while still queued moves to the back but stays
     // live in its arena: releasing it here would leave it queued yet
     // unreleasable, and the buffer would stall.
@@ -152,8 +147,8 @@ void QueueBuffer::Commit(void* data) {
     }
     committed.PushBack({data, n});
     committedCount.store(committed.Size(), std::memory_order_release);
+    firstCommit = false;
   }
-  firstCommit = false;
   if ((flags & kPushOnCommit) != 0) Push();
 }
 
@@ -167,6 +162,7 @@ void QueueBuffer::CommitTimeBasedMetric(void* data) {
   // its arena here, or every time-based sample would grow the buffer. A buffer
   // without a conduit node delivers nothing and still releases the block, so
   // that it does not grow either.
+  std::lock_guard<LeafMutex> hold(queueMutex);
   ReleaseFromArena(data);
 }
 
@@ -199,30 +195,27 @@ void QueueBuffer::GetData(const void** data, unsigned long* size) const {
     if (size != nullptr) *size = 0;
     return;
   }
-  ReadGuard hold(committedLock);
+  std::lock_guard<LeafMutex> hold(queueMutex);
   const bool empty = committed.Empty();
   *data = empty ? nullptr : committed.Front().data;
   if (size != nullptr) *size = empty ? 0 : committed.Front().size;
 }
 
 void QueueBuffer::MakeAvailable(const void* data) const {
-  // Dequeued before its bytes go back to the arena: once released, the
-  // producer may carve and commit the same address again, and that new sample
-  // must not be dequeued by this release.
-  {
-    WriteGuard hold(committedLock);
-    for (std::size_t i = 0; i < committed.Size(); ++i) {
-      if (committed[i].data != data) continue;
-      committed.Erase(i);  // a block is queued at most once
-      committedCount.store(committed.Size(), std::memory_order_release);
-      break;
-    }
+  // Dequeued in the same hold as its bytes go back to the arena: once
+  // released, the producer may carve and commit the same address again, and
+  // that new sample must not be dequeued by this release.
+  std::lock_guard<LeafMutex> hold(queueMutex);
+  for (std::size_t i = 0; i < committed.Size(); ++i) {
+    if (committed[i].data != data) continue;
+    committed.Erase(i);  // a block is queued at most once
+    committedCount.store(committed.Size(), std::memory_order_release);
+    break;
   }
   ReleaseFromArena(data);
 }
 
 void QueueBuffer::ReleaseFromArena(const void* data) const {
-  std::lock_guard<std::mutex> hold(heapMutex);
   const std::size_t at = FindLive(data);
   if (at == live.Size()) return;
   HeapState* heap = live[at].heap;
@@ -236,12 +229,12 @@ void QueueBuffer::ReleaseFromArena(const void* data) const {
 }
 
 const void* QueueBuffer::Front() const {
-  ReadGuard hold(committedLock);
+  std::lock_guard<LeafMutex> hold(queueMutex);
   return committed.Empty() ? nullptr : committed.Front().data;
 }
 
 void QueueBuffer::Clear() {
-  std::lock_guard<std::mutex> hold(heapMutex);
+  std::lock_guard<LeafMutex> hold(queueMutex);
   FreeArenas(*heaps);
   live.Clear();
 }
@@ -250,7 +243,7 @@ void QueueBuffer::Reset(unsigned long bindingHandle) {
   // The queue is emptied too: blocks left in it would point into the arenas
   // freed below, and the reused buffer would deliver freed memory forever.
   {
-    WriteGuard hold(committedLock);
+    std::lock_guard<LeafMutex> hold(queueMutex);
     committed.Clear();
     committedCount.store(0, std::memory_order_release);
   }

@@ -26,9 +26,10 @@
 // Threads: one producer (Reserve, Commit, CommitTimeBasedMetric) and a pushing
 // side (GetData, MakeAvailable, Flush) that may run on other threads, for
 // instance a grouped cycle completed by another metric's push or a client's
-// flush. The committed ring carries its own recursive ReadWriteLock; the arena
-// list, the arenas and the live ring are guarded by one leaf mutex, never held
-// while that lock is taken or while the buffer calls out. AttachRoute may run
+// flush. The arena list, the arenas, the live ring and the committed ring are
+// guarded by one leaf mutex, held briefly and never while the buffer calls
+// out, so that a release takes a block out of the queue and gives its bytes
+// back in one hold. AttachRoute may run
 // while the producer commits. Clear and Reset must not race with the producer
 // or the pushing side.
 #ifndef KT_TRANSPORT_QUEUE_BUFFER_H_
@@ -37,10 +38,9 @@
 #include <atomic>
 #include <cstddef>
 #include <list>
-#include <mutex>
 #include <vector>
 
-#include "foundation/read_write_lock.h"
+#include "foundation/leaf_mutex.h"
 #include "kt/buffer.h"
 #include "kt/conduit.h"
 #include "kt/status.h"
@@ -139,10 +139,9 @@ class QueueBuffer : public IReadWriteBuffer {
   };
 
   std::list<HeapState*>* heaps;                // arenas, in search order
-  mutable RingQueue<LiveBlock> live;           // reservation order; under heapMutex
-  mutable RingQueue<QueuedBlock> committed;    // oldest first; under committedLock
-  mutable ReadWriteLock committedLock;         // built recursive
-  // committed.Size(), written under committedLock, so that Push can tell an
+  mutable RingQueue<LiveBlock> live;           // reservation order; under queueMutex
+  mutable RingQueue<QueuedBlock> committed;    // oldest first; under queueMutex
+  // committed.Size(), written under queueMutex, so that Push can tell an
   // empty queue without taking it.
   mutable std::atomic<std::size_t> committedCount;
   bool firstCommit;                            // true until the first Commit
@@ -151,7 +150,7 @@ class QueueBuffer : public IReadWriteBuffer {
   unsigned long bindingHandle;                 // 0 while unbound
   unsigned int flags;
   Path* conduitPath;                           // the conduit's node, or null
-  mutable std::mutex heapMutex;                // guards heaps, the arenas and `live`
+  mutable LeafMutex queueMutex;                // guards heaps, the arenas and both rings
   std::atomic<PushRoute*> route;               // held; null when detached
 
  private:
@@ -169,10 +168,10 @@ class QueueBuffer : public IReadWriteBuffer {
   // The place of the live block that starts at `data` in `live`, or
   // live.Size() when there is none. The newest and the oldest are tried
   // first: a commit names the block just reserved, a release the oldest.
-  // The caller holds heapMutex.
+  // The caller holds queueMutex.
   std::size_t FindLive(const void* data) const;
   // Gives the bytes of the live block `data` back to its arena; ignores
-  // pointers that are not live blocks. Takes heapMutex.
+  // pointers that are not live blocks. The caller holds queueMutex.
   void ReleaseFromArena(const void* data) const;
 };
 
