@@ -31,6 +31,10 @@ void CallGuarded(Call call) {
   }
 }
 
+// The slot of `metric` in the fast copy. Handles differ in their low bits
+// (the node's folded address), which are mixed with the bits above them.
+size_t SlotOf(unsigned long metric) { return static_cast<size_t>(metric ^ (metric >> 7)); }
+
 }  // namespace
 
 // The entries one push delivers, as parallel arrays shared by every consumer.
@@ -67,6 +71,7 @@ DataPush::Recorded DataPush::RecordMetric(unsigned long metric, unsigned long ta
     entry.group = group;
     entry.member = true;
   }
+  WriteFast(metric, &entry);
   Recorded recorded{group, false, false};
   recorded.toTemplate = m_groupTemplate[group.first][group.second].insert(metric).second;
   recorded.toExpected = m_groupExpected[group.first][group.second].insert(metric).second;
@@ -108,12 +113,15 @@ void DataPush::ForgetMetric(unsigned long metric) {
   }
   entry.tagged = false;
   entry.member = false;
+  WriteFast(metric, nullptr);
   if (!entry.batched) m_metrics.erase(it);  // the batch mark outlives subscriptions
 }
 
 void DataPush::AddBatchMetric(unsigned long metric) {
   WriteGuard hold(m_tablesLock);
-  m_metrics[metric].batched = true;
+  MetricEntry& entry = m_metrics[metric];
+  entry.batched = true;
+  WriteFast(metric, &entry);
 }
 
 void DataPush::Clear() {
@@ -124,29 +132,56 @@ void DataPush::Clear() {
   m_collectedHandles.clear();
   m_collectedBuffers.clear();
   m_pending.clear();
+  for (FastEntry& slot : m_fast) {
+    if (slot.metric.load(std::memory_order_relaxed) != 0) WriteFast(slot.metric, nullptr);
+  }
+}
+
+bool DataPush::FindFast(unsigned long metric, unsigned long* tag, bool* batched) const {
+  const FastEntry& slot = m_fast[SlotOf(metric) % kFastSlots];
+  const unsigned int before = slot.sequence.load(std::memory_order_acquire);
+  if ((before & 1) != 0) return false;
+  const unsigned long found = slot.metric.load(std::memory_order_relaxed);
+  *tag = slot.tag.load(std::memory_order_relaxed);
+  *batched = slot.batched.load(std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_acquire);
+  return found == metric && slot.sequence.load(std::memory_order_relaxed) == before;
+}
+
+void DataPush::WriteFast(unsigned long metric, const MetricEntry* entry) {
+  FastEntry& slot = m_fast[SlotOf(metric) % kFastSlots];
+  // Only an entry a push delivers straight away is worth a slot.
+  const bool kept = entry != nullptr && entry->member && entry->tagged &&
+                    entry->group.second == kUngrouped;
+  if (!kept && slot.metric.load(std::memory_order_relaxed) != metric) return;
+  const unsigned int sequence = slot.sequence.load(std::memory_order_relaxed);
+  slot.sequence.store(sequence + 1, std::memory_order_relaxed);
+  std::atomic_thread_fence(std::memory_order_release);
+  slot.metric.store(kept ? metric : 0, std::memory_order_relaxed);
+  slot.tag.store(kept ? entry->tag : 0, std::memory_order_relaxed);
+  slot.batched.store(kept && entry->batched, std::memory_order_relaxed);
+  slot.sequence.store(sequence + 2, std::memory_order_release);
 }
 
 KT_STATUS DataPush::Push(unsigned long metric, const IReadBuffer* buffer) {
   MetricEntry entry;
-  {
-    WriteGuard hold(m_tablesLock);
-    auto it = m_metrics.find(metric);
-    if (it != m_metrics.end()) entry = it->second;
+  if (FindFast(metric, &entry.tag, &entry.batched)) {
+    entry.member = entry.tagged = true;
+  } else {
+    std::unique_ptr<Cycle> cycle;
+    if (LookUpAndCollect(metric, buffer, &entry, &cycle)) {
+      Deliver(*cycle);
+      cycle->Clear();
+      // Two pushes at once find one spare at most; the spare given back last
+      // is kept.
+      delete m_spareCycle.exchange(cycle.release(), std::memory_order_acq_rel);
+    }
   }
   if (!entry.member) {
     ReleaseOldest(buffer);
     return KT_STATUS_INVALID_ARGUMENT;
   }
-  if (entry.group.second != kUngrouped) {
-    // Two pushes at once find one spare at most; the other makes its own, and
-    // the spare given back last is kept.
-    std::unique_ptr<Cycle> cycle(m_spareCycle.exchange(nullptr, std::memory_order_acq_rel));
-    if (cycle == nullptr) cycle.reset(new Cycle());
-    if (CollectGrouped(metric, buffer, entry.group, cycle.get())) Deliver(*cycle);
-    cycle->Clear();
-    delete m_spareCycle.exchange(cycle.release(), std::memory_order_acq_rel);
-    return KT_STATUS_SUCCESS;
-  }
+  if (entry.group.second != kUngrouped) return KT_STATUS_SUCCESS;
   if (!entry.tagged) {
     ReleaseOldest(buffer);
     return KT_STATUS_DOES_NOT_EXIST;
@@ -164,9 +199,22 @@ KT_STATUS DataPush::Push(unsigned long metric, const IReadBuffer* buffer) {
   return KT_STATUS_SUCCESS;
 }
 
-bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, GroupKey group,
-                              Cycle* cycle) {
+bool DataPush::LookUpAndCollect(unsigned long metric, const IReadBuffer* buffer,
+                                MetricEntry* entry, std::unique_ptr<Cycle>* cycle) {
   WriteGuard hold(m_tablesLock);
+  auto it = m_metrics.find(metric);
+  if (it == m_metrics.end()) return false;
+  *entry = it->second;
+  if (!entry->member) return false;
+  if (entry->group.second == kUngrouped) {
+    WriteFast(metric, entry);  // the next push of the metric takes no lock
+    return false;
+  }
+  return CollectGrouped(metric, buffer, entry->group, cycle);
+}
+
+bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, GroupKey group,
+                              std::unique_ptr<Cycle>* cycle) {
   m_pending[metric] = buffer;
   MemberSet& expected = m_groupExpected[group.first][group.second];
   std::vector<unsigned long>& handles = m_collectedHandles[group.first][group.second];
@@ -180,6 +228,11 @@ bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, G
     buffers.push_back(buffer);
     if (!expected.empty()) return false;  // the cycle waits for its other members
   }
+  // Only a cycle that ends needs arrays: the spare ones, or new ones when
+  // another push has them.
+  cycle->reset(m_spareCycle.exchange(nullptr, std::memory_order_acq_rel));
+  if (*cycle == nullptr) cycle->reset(new Cycle());
+  Cycle& out = **cycle;
   // The cycle is complete, or ends early because this member's sample for it
   // has already arrived (or no cycle has started yet).
   for (size_t i = 0; i < handles.size(); ++i) {
@@ -192,11 +245,11 @@ bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, G
     unsigned long size = 0;
     buffers[i]->GetData(&data, &size);
     if (data == nullptr) continue;
-    cycle->handles.push_back(handles[i]);
-    cycle->tags.push_back(it->second.tag);
-    cycle->data.push_back(data);
-    cycle->sizes.push_back(size);
-    cycle->buffers.push_back(buffers[i]);
+    out.handles.push_back(handles[i]);
+    out.tags.push_back(it->second.tag);
+    out.data.push_back(data);
+    out.sizes.push_back(size);
+    out.buffers.push_back(buffers[i]);
   }
   handles.clear();
   buffers.clear();
@@ -208,7 +261,9 @@ bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, G
     member = expected.extract(metric);
     if (!member.empty()) m_spareMembers.push_back(std::move(member));
   }
-  return !cycle->handles.empty();
+  if (!out.handles.empty()) return true;
+  delete m_spareCycle.exchange(cycle->release(), std::memory_order_acq_rel);
+  return false;
 }
 
 void DataPush::RefillExpected(MemberSet& expected, const MemberSet& members) {

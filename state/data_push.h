@@ -14,7 +14,8 @@
 // Locks, in the only order they are ever taken:
 //   1. m_tablesLock (write side only): every table below. Held for lookups
 //      and changes and while a group's cycle reads its buffers, never while
-//      a consumer is called.
+//      a consumer is called. An ungrouped push whose metric is in the fast
+//      copy (m_fast, below) does not take it.
 //   2. the write lock of the "subscriptions" (or "batch_subscriptions") node:
 //      the consumer calls, one push at a time per conduit, and the consumer
 //      list kept from that node.
@@ -30,6 +31,8 @@
 #define KT_STATE_DATA_PUSH_H_
 
 #include <atomic>
+#include <cstddef>
+#include <memory>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -124,10 +127,35 @@ class DataPush {
     unsigned long changes = 0;         // its child changes then
     std::vector<Entry> entries;
   };
+  // A copy of the entries of ungrouped metrics that were pushed lately, which
+  // a push reads without the tables lock. Written only under the tables lock
+  // (a change of the entry writes its slot again); read as a sequence lock: a
+  // reader that meets a write in progress, or another metric in the slot,
+  // looks the metric up under the tables lock instead, so nobody waits here.
+  // Every field is atomic, so a torn read is only ever a discarded one.
+  struct FastEntry {
+    std::atomic<unsigned int> sequence{0};  // odd while the slot is written
+    std::atomic<unsigned long> metric{0};   // 0: empty
+    std::atomic<unsigned long> tag{0};
+    std::atomic<bool> batched{false};
+  };
+  static constexpr size_t kFastSlots = 64;
   struct Cycle;
 
+  // The fast copy of `metric`; false when it has none (or was being written).
+  bool FindFast(unsigned long metric, unsigned long* tag, bool* batched) const;
+  // Writes the slot of `metric` from `entry` (null: the metric is gone). Under
+  // the tables lock.
+  void WriteFast(unsigned long metric, const MetricEntry* entry);
+  // Looks the metric up under the tables lock and, for a grouped one, adds
+  // the sample to its cycle; fills *entry. True when `cycle` is to be
+  // delivered.
+  bool LookUpAndCollect(unsigned long metric, const IReadBuffer* buffer, MetricEntry* entry,
+                        std::unique_ptr<Cycle>* cycle);
+  // Adds the sample to the group's cycle; true when the cycle ends and
+  // `cycle` holds what it delivers. Under the tables lock.
   bool CollectGrouped(unsigned long metric, const IReadBuffer* buffer, GroupKey group,
-                      Cycle* cycle);
+                      std::unique_ptr<Cycle>* cycle);
   // Makes `expected` a copy of `members`, reusing spare set nodes.
   void RefillExpected(MemberSet& expected, const MemberSet& members);
   void Deliver(Cycle& cycle);
@@ -150,6 +178,7 @@ class DataPush {
   ByGroup<std::vector<const IReadBuffer*>> m_collectedBuffers;  // parallel to the handles
   std::unordered_map<unsigned long, const IReadBuffer*> m_pending;  // metric -> last pushed
   std::vector<MemberSet::node_type> m_spareMembers;  // taken out of expected sets
+  FastEntry m_fast[kFastSlots];
   // A cycle's arrays, kept between grouped pushes so that a cycle allocates
   // nothing once they have grown; a push takes it and gives it back.
   std::atomic<Cycle*> m_spareCycle;

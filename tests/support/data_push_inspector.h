@@ -22,11 +22,16 @@ class DataPushInspector {
   void SetTag(unsigned long metric, unsigned long tag) {
     push.m_metrics[metric].tag = tag;
     push.m_metrics[metric].tagged = true;
+    Changed(metric);
   }
-  void EraseTag(unsigned long metric) { push.m_metrics[metric].tagged = false; }
+  void EraseTag(unsigned long metric) {
+    push.m_metrics[metric].tagged = false;
+    Changed(metric);
+  }
   void SetGroup(unsigned long metric, GroupKey group) {
     push.m_metrics[metric].group = group;
     push.m_metrics[metric].member = true;
+    Changed(metric);
   }
   bool Tagged(unsigned long metric) const { return Has(metric, &DataPush::MetricEntry::tagged); }
   bool Member(unsigned long metric) const { return Has(metric, &DataPush::MetricEntry::member); }
@@ -52,6 +57,8 @@ class DataPushInspector {
   ILock* TablesWriteLock() { return push.m_tablesLock.GetWriteLock(); }
 
  private:
+  // The push's fast copy follows every change, as it does for the push's own.
+  void Changed(unsigned long metric) { push.WriteFast(metric, &push.m_metrics[metric]); }
   bool Has(unsigned long metric, bool DataPush::MetricEntry::*flag) const {
     auto it = push.m_metrics.find(metric);
     return it != push.m_metrics.end() && it->second.*flag;
