@@ -3,7 +3,8 @@
 // arenas).
 //
 // Taking it free is one compare-and-swap and releasing it with nobody waiting
-// is one exchange. A thread that finds it held waits on a condition variable;
+// is one exchange; while the process runs one thread, both are plain stores
+// (foundation/single_thread.h). A thread that finds it held waits on a condition variable;
 // nothing spins, yields or sleeps. Not fair: a releasing thread may take it
 // again before a woken waiter does.
 //
@@ -18,6 +19,8 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "foundation/single_thread.h"
+
 namespace MetricsFramework {
 
 class LeafMutex {
@@ -27,6 +30,10 @@ class LeafMutex {
   LeafMutex& operator=(const LeafMutex&) = delete;
 
   void lock() {
+    if (ProcessIsSingleThreaded()) {
+      state.store(kHeld, std::memory_order_relaxed);  // nobody else to hold it
+      return;
+    }
     int free = kFree;
     if (state.compare_exchange_strong(free, kHeld, std::memory_order_acquire)) return;
     LockSlow();
@@ -36,6 +43,10 @@ class LeafMutex {
     return state.compare_exchange_strong(free, kHeld, std::memory_order_acquire);
   }
   void unlock() {
+    if (ProcessIsSingleThreaded()) {
+      state.store(kFree, std::memory_order_relaxed);  // nobody else to wake
+      return;
+    }
     if (state.exchange(kFree, std::memory_order_release) == kContended) WakeOne();
   }
 

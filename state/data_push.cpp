@@ -58,7 +58,7 @@ struct DataPush::Cycle {
 DataPush::DataPush(Path* conduitNode)
     : m_conduitNode(conduitNode), m_tablesLock(true), m_spareCycle(nullptr) {}
 
-DataPush::~DataPush() { delete m_spareCycle.exchange(nullptr); }
+DataPush::~DataPush() { delete m_spareCycle; }
 
 DataPush::Recorded DataPush::RecordMetric(unsigned long metric, unsigned long tag,
                                           GroupKey group) {
@@ -92,6 +92,7 @@ void DataPush::ForgetMetric(unsigned long metric) {
   auto it = m_metrics.find(metric);
   if (it == m_metrics.end()) return;
   MetricEntry& entry = it->second;
+  entry.pending = nullptr;
   if (entry.member && entry.group.second != kUngrouped) {
     const GroupKey group = entry.group;
     m_groupTemplate[group.first][group.second].erase(metric);
@@ -114,7 +115,7 @@ void DataPush::ForgetMetric(unsigned long metric) {
   entry.tagged = false;
   entry.member = false;
   WriteFast(metric, nullptr);
-  if (!entry.batched) m_metrics.erase(it);  // the batch mark outlives subscriptions
+  if (!entry.batched) EraseEntry(it);  // the batch mark outlives subscriptions
 }
 
 void DataPush::AddBatchMetric(unsigned long metric) {
@@ -132,6 +133,7 @@ void DataPush::Clear() {
   m_collectedHandles.clear();
   m_collectedBuffers.clear();
   m_pending.clear();
+  for (EntrySlot& slot : m_entrySlots) slot = EntrySlot();
   for (FastEntry& slot : m_fast) {
     if (slot.metric.load(std::memory_order_relaxed) != 0) WriteFast(slot.metric, nullptr);
   }
@@ -163,6 +165,22 @@ void DataPush::WriteFast(unsigned long metric, const MetricEntry* entry) {
   slot.sequence.store(sequence + 2, std::memory_order_release);
 }
 
+DataPush::MetricEntry* DataPush::FindEntry(unsigned long metric) {
+  EntrySlot& slot = m_entrySlots[SlotOf(metric) % kFastSlots];
+  if (slot.metric == metric && slot.entry != nullptr) return slot.entry;
+  auto it = m_metrics.find(metric);
+  if (it == m_metrics.end()) return nullptr;
+  slot.metric = metric;
+  slot.entry = &it->second;
+  return slot.entry;
+}
+
+void DataPush::EraseEntry(std::unordered_map<unsigned long, MetricEntry>::iterator it) {
+  EntrySlot& slot = m_entrySlots[SlotOf(it->first) % kFastSlots];
+  if (slot.metric == it->first) slot = EntrySlot();
+  m_metrics.erase(it);
+}
+
 KT_STATUS DataPush::Push(unsigned long metric, const IReadBuffer* buffer) {
   MetricEntry entry;
   if (FindFast(metric, &entry.tag, &entry.batched)) {
@@ -172,9 +190,7 @@ KT_STATUS DataPush::Push(unsigned long metric, const IReadBuffer* buffer) {
     if (LookUpAndCollect(metric, buffer, &entry, &cycle)) {
       Deliver(*cycle);
       cycle->Clear();
-      // Two pushes at once find one spare at most; the spare given back last
-      // is kept.
-      delete m_spareCycle.exchange(cycle.release(), std::memory_order_acq_rel);
+      KeepSpare(std::move(cycle));
     }
   }
   if (!entry.member) {
@@ -202,42 +218,55 @@ KT_STATUS DataPush::Push(unsigned long metric, const IReadBuffer* buffer) {
 bool DataPush::LookUpAndCollect(unsigned long metric, const IReadBuffer* buffer,
                                 MetricEntry* entry, std::unique_ptr<Cycle>* cycle) {
   WriteGuard hold(m_tablesLock);
-  auto it = m_metrics.find(metric);
-  if (it == m_metrics.end()) return false;
-  *entry = it->second;
+  MetricEntry* found = FindEntry(metric);
+  if (found == nullptr) return false;
+  *entry = *found;
   if (!entry->member) return false;
   if (entry->group.second == kUngrouped) {
     WriteFast(metric, entry);  // the next push of the metric takes no lock
     return false;
   }
-  return CollectGrouped(metric, buffer, entry->group, cycle);
+  return CollectGrouped(metric, buffer, *found, cycle);
 }
 
-bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, GroupKey group,
-                              std::unique_ptr<Cycle>* cycle) {
-  m_pending[metric] = buffer;
-  MemberSet& expected = m_groupExpected[group.first][group.second];
-  std::vector<unsigned long>& handles = m_collectedHandles[group.first][group.second];
-  std::vector<const IReadBuffer*>& buffers = m_collectedBuffers[group.first][group.second];
+DataPush::GroupSlots& DataPush::SlotsOf(MetricEntry& entry) {
+  GroupSlots& slots = entry.slots;
+  if (slots.members != nullptr && slots.group == entry.group) return slots;
+  const GroupKey& group = entry.group;
+  slots.group = group;
+  slots.members = &m_groupTemplate[group.first][group.second];
+  slots.expected = &m_groupExpected[group.first][group.second];
+  slots.handles = &m_collectedHandles[group.first][group.second];
+  slots.buffers = &m_collectedBuffers[group.first][group.second];
+  return slots;
+}
 
-  MemberSet::node_type member = expected.extract(metric);
-  const bool wasExpected = !member.empty();
+bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, MetricEntry& entry,
+                              std::unique_ptr<Cycle>* cycle) {
+  if (entry.pending == nullptr) entry.pending = &m_pending[metric];
+  *entry.pending = buffer;
+  GroupSlots& slots = SlotsOf(entry);
+  MemberSet& expected = *slots.expected;
+  std::vector<unsigned long>& handles = *slots.handles;
+  std::vector<const IReadBuffer*>& buffers = *slots.buffers;
+
+  const bool wasExpected = expected.erase(metric) != 0;
   if (wasExpected) {
-    m_spareMembers.push_back(std::move(member));
     handles.push_back(metric);
     buffers.push_back(buffer);
     if (!expected.empty()) return false;  // the cycle waits for its other members
   }
   // Only a cycle that ends needs arrays: the spare ones, or new ones when
   // another push has them.
-  cycle->reset(m_spareCycle.exchange(nullptr, std::memory_order_acq_rel));
+  cycle->reset(m_spareCycle);
+  m_spareCycle = nullptr;
   if (*cycle == nullptr) cycle->reset(new Cycle());
   Cycle& out = **cycle;
   // The cycle is complete, or ends early because this member's sample for it
   // has already arrived (or no cycle has started yet).
   for (size_t i = 0; i < handles.size(); ++i) {
-    auto it = m_metrics.find(handles[i]);
-    if (it == m_metrics.end() || !it->second.tagged) {
+    const MetricEntry* collected = FindEntry(handles[i]);
+    if (collected == nullptr || !collected->tagged) {
       ReleaseOldest(buffers[i]);  // a member without a tag is left out, not left behind
       continue;
     }
@@ -246,38 +275,29 @@ bool DataPush::CollectGrouped(unsigned long metric, const IReadBuffer* buffer, G
     buffers[i]->GetData(&data, &size);
     if (data == nullptr) continue;
     out.handles.push_back(handles[i]);
-    out.tags.push_back(it->second.tag);
+    out.tags.push_back(collected->tag);
     out.data.push_back(data);
     out.sizes.push_back(size);
     out.buffers.push_back(buffers[i]);
   }
   handles.clear();
   buffers.clear();
-  RefillExpected(expected, m_groupTemplate[group.first][group.second]);
+  expected = *slots.members;  // into the room it has: no allocation
   if (!wasExpected) {
     // This sample opens the next cycle.
     handles.push_back(metric);
     buffers.push_back(buffer);
-    member = expected.extract(metric);
-    if (!member.empty()) m_spareMembers.push_back(std::move(member));
+    expected.erase(metric);
   }
   if (!out.handles.empty()) return true;
-  delete m_spareCycle.exchange(cycle->release(), std::memory_order_acq_rel);
+  if (m_spareCycle == nullptr) m_spareCycle = cycle->release();
   return false;
 }
 
-void DataPush::RefillExpected(MemberSet& expected, const MemberSet& members) {
-  while (!expected.empty()) m_spareMembers.push_back(expected.extract(expected.begin()));
-  for (unsigned long member : members) {
-    if (m_spareMembers.empty()) {
-      expected.insert(member);
-      continue;
-    }
-    MemberSet::node_type node = std::move(m_spareMembers.back());
-    m_spareMembers.pop_back();
-    node.value() = member;
-    expected.insert(std::move(node));
-  }
+void DataPush::KeepSpare(std::unique_ptr<Cycle> cycle) {
+  // Two pushes at once find one spare at most; the first given back is kept.
+  WriteGuard hold(m_tablesLock);
+  if (m_spareCycle == nullptr) m_spareCycle = cycle.release();
 }
 
 void DataPush::Deliver(Cycle& cycle) {

@@ -34,7 +34,6 @@
 #include <cstddef>
 #include <memory>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -44,6 +43,7 @@
 #include "kt/status.h"
 #include "registry/path.h"
 #include "registry/path_data.h"
+#include "state/member_set.h"
 
 namespace MetricsFramework {
 
@@ -100,8 +100,16 @@ class DataPush {
 
   template <typename Members>
   using ByGroup = std::unordered_map<unsigned long, std::unordered_map<unsigned int, Members>>;
-  using MemberSet = std::unordered_set<unsigned long>;
 
+  // The containers of one group, found once per metric: the group maps
+  // never drop an inner entry before Clear, which drops the metric too.
+  struct GroupSlots {
+    GroupKey group{0, kUngrouped};  // the group they were found for
+    MemberSet* members = nullptr;   // null until found
+    MemberSet* expected = nullptr;
+    std::vector<unsigned long>* handles = nullptr;
+    std::vector<const IReadBuffer*>* buffers = nullptr;
+  };
   // One metric: its tag and membership as the client manager recorded them,
   // and whether it goes to batched consumers. Kept in one entry so that a
   // push finds all three with one lookup.
@@ -111,6 +119,15 @@ class DataPush {
     bool tagged = false;
     bool member = false;
     bool batched = false;
+    GroupSlots slots;  // of `group`, once a push needed them
+    const IReadBuffer** pending = nullptr;  // its entry in m_pending, once made
+  };
+  // The entries looked up lately, so that a grouped push and its cycle find
+  // them without hashing: entries of the map stay where they are until
+  // erased, and every erase clears its slot. Under the tables lock.
+  struct EntrySlot {
+    unsigned long metric = 0;
+    MetricEntry* entry = nullptr;
   };
   // The consumers linked under one subscription node, as last found there:
   // rebuilt when the node's children changed, and each consumer's state
@@ -154,11 +171,17 @@ class DataPush {
                         std::unique_ptr<Cycle>* cycle);
   // Adds the sample to the group's cycle; true when the cycle ends and
   // `cycle` holds what it delivers. Under the tables lock.
-  bool CollectGrouped(unsigned long metric, const IReadBuffer* buffer, GroupKey group,
+  // The entry of `metric`, or null. Under the tables lock.
+  MetricEntry* FindEntry(unsigned long metric);
+  // Erases the entry at `it` and its slot. Under the tables lock.
+  void EraseEntry(std::unordered_map<unsigned long, MetricEntry>::iterator it);
+  bool CollectGrouped(unsigned long metric, const IReadBuffer* buffer, MetricEntry& entry,
                       std::unique_ptr<Cycle>* cycle);
-  // Makes `expected` a copy of `members`, reusing spare set nodes.
-  void RefillExpected(MemberSet& expected, const MemberSet& members);
+  // The containers of the entry's group. Under the tables lock.
+  GroupSlots& SlotsOf(MetricEntry& entry);
   void Deliver(Cycle& cycle);
+  // Gives the arrays of a delivered cycle back for the next one.
+  void KeepSpare(std::unique_ptr<Cycle> cycle);
   // The node `name` of the conduit's node with `list` brought up to date;
   // null while the node does not exist. The caller holds the node's write
   // lock from before this call.
@@ -177,11 +200,12 @@ class DataPush {
   ByGroup<std::vector<unsigned long>> m_collectedHandles;  // arrival order
   ByGroup<std::vector<const IReadBuffer*>> m_collectedBuffers;  // parallel to the handles
   std::unordered_map<unsigned long, const IReadBuffer*> m_pending;  // metric -> last pushed
-  std::vector<MemberSet::node_type> m_spareMembers;  // taken out of expected sets
   FastEntry m_fast[kFastSlots];
+  EntrySlot m_entrySlots[kFastSlots];
   // A cycle's arrays, kept between grouped pushes so that a cycle allocates
-  // nothing once they have grown; a push takes it and gives it back.
-  std::atomic<Cycle*> m_spareCycle;
+  // nothing once they have grown; a push takes it and gives it back, under
+  // the tables lock both times. Owned.
+  Cycle* m_spareCycle;
   ConsumerList m_consumers;         // of "subscriptions"
   ConsumerList m_batchConsumers;    // of "batch_subscriptions"
 };

@@ -5,7 +5,6 @@
 #define KT_TESTS_SUPPORT_DATA_PUSH_INSPECTOR_H_
 
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include "state/conduit_state.h"
@@ -41,10 +40,10 @@ class DataPushInspector {
   size_t MemberCount() const { return Count(&DataPush::MetricEntry::member); }
   size_t BatchCount() const { return Count(&DataPush::MetricEntry::batched); }
 
-  std::unordered_set<unsigned long>& Template(unsigned long key, unsigned int id) {
+  MemberSet& Template(unsigned long key, unsigned int id) {
     return push.m_groupTemplate[key][id];
   }
-  std::unordered_set<unsigned long>& Expected(unsigned long key, unsigned int id) {
+  MemberSet& Expected(unsigned long key, unsigned int id) {
     return push.m_groupExpected[key][id];
   }
   std::vector<unsigned long>& CollectedHandles(unsigned long key, unsigned int id) {
