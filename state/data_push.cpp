@@ -147,7 +147,9 @@ bool DataPush::FindFast(unsigned long metric, unsigned long* tag, bool* batched)
   *tag = slot.tag.load(std::memory_order_relaxed);
   *batched = slot.batched.load(std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_acquire);
-  return found == metric && slot.sequence.load(std::memory_order_relaxed) == before;
+  // An empty slot holds 0, which must not pass for a metric of handle 0.
+  return found == metric && found != 0 &&
+         slot.sequence.load(std::memory_order_relaxed) == before;
 }
 
 void DataPush::WriteFast(unsigned long metric, const MetricEntry* entry) {

@@ -40,11 +40,11 @@ struct PushRig {
     EXPECT_EQ(conduit->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
   }
   DataPush& Push() { return conduit->GetDataPush(); }
-  KT_STATUS Send(const char* sample) {
+  KT_STATUS Send(const char* sample, unsigned long metric = kMetric) {
     void* block = buffer.Reserve(std::strlen(sample) + 1);
     std::memcpy(block, sample, std::strlen(sample) + 1);
     buffer.Commit(block);
-    return conduit->PushData(kMetric, &buffer);
+    return conduit->PushData(metric, &buffer);
   }
   bool Drained() {
     const void* data = &data;
@@ -72,6 +72,18 @@ TEST(PushOwnerTest, ThrowingConsumerIsSkippedAndTheOthersStillGetTheSample) {
 
   ASSERT_EQ(after.samples.size(), 2u);
   EXPECT_EQ(after.samples[1].bytes, std::string("b", 2));
+  EXPECT_TRUE(rig.Drained());
+}
+
+// The copy of ungrouped entries marks an empty slot with handle 0.
+TEST(PushOwnerTest, MetricOfHandleZeroIsRefusedLikeAnyUnknownMetric) {
+  PushRig rig;
+  RecordingConsumer consumer;
+  rig.Subscribe(&consumer);
+
+  EXPECT_EQ(rig.Send("a", 0), KT_STATUS_INVALID_ARGUMENT);
+
+  EXPECT_TRUE(consumer.samples.empty());
   EXPECT_TRUE(rig.Drained());
 }
 
