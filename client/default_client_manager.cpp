@@ -7,8 +7,8 @@
 
 #include "client/extension_call.h"
 #include "client/metric_batch.h"
-#include "host/diagnostics.h"
-#include "host/logger.h"
+#include "foundation/diagnostics.h"
+#include "foundation/logger.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
 #include "state/metric_state.h"
@@ -372,7 +372,7 @@ KT_STATUS DefaultClientManager::__SubscribeMetric(unsigned long consumer, unsign
     }
   }
   const unsigned long remote = state->m_conduit->GetRemoteHandle();
-  const GroupSetsAdded added = RecordMetric(state, metric, full);
+  const DataPush::Recorded recorded = RecordMetric(state, metric, full);
   IClientManager* peer = full ? PeerFor(remote) : nullptr;
   // The peer binds in its own process.
   const KT_STATUS status =
@@ -382,39 +382,21 @@ KT_STATUS DefaultClientManager::__SubscribeMetric(unsigned long consumer, unsign
     // for it forever: what this call added to the group sets goes again. The
     // tag and the membership stay as written, and the consumer stays
     // subscribed to the conduit.
-    WriteGuard hold(state->m_groupingLock);
-    const GroupKey& group = added.group;
-    if (added.toTemplate) state->m_groupTemplate[group.first][group.second].erase(metric);
-    if (added.toExpected) state->m_groupExpected[group.first][group.second].erase(metric);
+    state->GetDataPush().WithdrawFromGroup(metric, recorded);
   }
   return status;
 }
 
-DefaultClientManager::GroupSetsAdded DefaultClientManager::RecordMetric(ConduitState* state,
-                                                                        unsigned long metric,
-                                                                        bool full) const {
+DataPush::Recorded DefaultClientManager::RecordMetric(ConduitState* state, unsigned long metric,
+                                                    bool full) const {
   // The fetches route only when the request may be forwarded at all: a
   // request that has crossed a process boundary is answered here alone.
   Metric::Description desc;  // group id 0xFFFFFFFF unless the metric says otherwise
   __GetMetricDescriptor(metric, &desc, full);
-  {
-    // One hold: erasing and inserting under two would let a push in between
-    // find the metric without a tag.
-    WriteGuard hold(state->m_tags);
-    state->m_tags.map[metric] = desc.word1;
-  }
   ResourceInfo info{};
   __GetResourceInfo(metric, &info, full);
-  GroupSetsAdded added{GroupKey(info.parent, desc.word4), false, false};
-  {
-    WriteGuard hold(state->m_groups);
-    state->m_groups.map.emplace(metric, added.group);  // an existing membership is kept
-  }
-  WriteGuard hold(state->m_groupingLock);
-  const GroupKey& group = added.group;
-  added.toTemplate = state->m_groupTemplate[group.first][group.second].insert(metric).second;
-  added.toExpected = state->m_groupExpected[group.first][group.second].insert(metric).second;
-  return added;
+  return state->GetDataPush().RecordMetric(metric, desc.word1,
+                                           DataPush::GroupKey(info.parent, desc.word4));
 }
 
 KT_STATUS DefaultClientManager::BindHere(ConduitState* state, unsigned long metric) {
@@ -436,63 +418,15 @@ KT_STATUS DefaultClientManager::__UnsubscribeMetric(unsigned long consumer, unsi
     if (consumer == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer");
     if (Resolve(consumer) == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer");
   }
-  // The group is read from the membership before anything is undone: the
-  // metric's own description may be gone by now (or be answered by a peer
-  // that no longer knows it), and the unbind below forgets the membership.
-  GroupKey group;
-  bool grouped = false;
-  {
-    ReadGuard hold(state->m_groups);
-    auto it = state->m_groups.map.find(metric);
-    if (it != state->m_groups.map.end()) {
-      group = it->second;
-      grouped = true;
-    }
-  }
   IClientManager* peer = full ? PeerFor(state->m_conduit->GetRemoteHandle()) : nullptr;
   const KT_STATUS status =
       peer != nullptr ? peer->UnsubscribeMetric(consumer, metric) : state->Unbind(metric);
   // Intended: the consumer stays subscribed to the conduit, whatever the
-  // result; a conduit subscription outlives the metric subscriptions.
-  ForgetMetric(state, metric, grouped ? &group : nullptr);
+  // result; a conduit subscription outlives the metric subscriptions. The
+  // group is the one the membership names: the metric's own description may
+  // be gone by now (or be answered by a peer that no longer knows it).
+  state->GetDataPush().ForgetMetric(metric);
   return status;
-}
-
-void DefaultClientManager::ForgetMetric(ConduitState* state, unsigned long metric,
-                                        const GroupKey* group) {
-  if (group != nullptr) {
-    WriteGuard hold(state->m_groupingLock);
-    state->m_groupTemplate[group->first][group->second].erase(metric);
-    state->m_groupExpected[group->first][group->second].erase(metric);
-  }
-  {
-    WriteGuard hold(state->m_collectionLock);
-    if (group != nullptr) {
-      // The metric's samples still waiting in its group's cycle go, handle
-      // and buffer together: the two vectors must stay parallel, and the
-      // buffer goes back to its pool.
-      std::vector<unsigned long>& handles = state->m_collectedHandles[group->first][group->second];
-      std::vector<const IReadBuffer*>& buffers =
-          state->m_collectedBuffers[group->first][group->second];
-      const size_t pairs = std::min(handles.size(), buffers.size());
-      size_t kept = 0;
-      for (size_t i = 0; i < pairs; ++i) {
-        if (handles[i] == metric) continue;
-        handles[kept] = handles[i];
-        buffers[kept] = buffers[i];
-        ++kept;
-      }
-      handles.resize(kept);
-      buffers.resize(kept);
-    }
-    state->m_pending.erase(metric);
-  }
-  {
-    WriteGuard hold(state->m_tags);
-    state->m_tags.map.erase(metric);
-  }
-  WriteGuard hold(state->m_groups);
-  state->m_groups.map.erase(metric);
 }
 
 KT_STATUS DefaultClientManager::SubscribeMetrics(unsigned long consumer,

@@ -28,6 +28,7 @@
 #include "kt/client_manager.h"
 #include "kt/consumer.h"
 #include "registry/registry.h"
+#include "state/data_push.h"
 #include "transport/local_conduit.h"
 
 namespace MetricsFramework {
@@ -122,9 +123,6 @@ class DefaultClientManager : public IClientManager {
   IExtensionLoader* m_loader;
 
  private:
-  // The group a metric belongs to in a conduit: (publisher handle, group id).
-  using GroupKey = std::pair<unsigned long, unsigned int>;
-
   // The node registered under `handle`; null when there is none.
   Path* Resolve(unsigned long handle) const;
   // Resolve, with 0 standing for the registry root.
@@ -134,15 +132,9 @@ class DefaultClientManager : public IClientManager {
   // The peer client manager that answers for `handle`; null for a handle of
   // this process (or of a process that is not mounted under "peers").
   IClientManager* PeerFor(unsigned long handle) const;
-  // What one subscription added to a conduit's group sets, so that a failed
-  // one can take exactly that out again.
-  struct GroupSetsAdded {
-    GroupKey group;
-    bool toTemplate;
-    bool toExpected;
-  };
-  // Enters the metric in the conduit's tag, membership and group tables.
-  GroupSetsAdded RecordMetric(ConduitState* state, unsigned long metric, bool full) const;
+  // Enters the metric's tag and group (from its description and its
+  // publisher) in the conduit's push.
+  DataPush::Recorded RecordMetric(ConduitState* state, unsigned long metric, bool full) const;
   // Binds a metric of this process to the conduit.
   KT_STATUS BindHere(ConduitState* state, unsigned long metric);
   // The group order and set names of the publisher `handle`, if it is one.
@@ -152,9 +144,6 @@ class DefaultClientManager : public IClientManager {
   KT_STATUS ForEachMetric(KT_STATUS (IClientManager::*operation)(unsigned long, unsigned long),
                           unsigned long consumer, const unsigned long* metrics,
                           unsigned int count, IClientManagerErrorListener* listener);
-  // Takes the metric out of the group sets, the collected pairs and the push
-  // tables of `conduit`; `group` is null when the metric had no membership.
-  void ForgetMetric(ConduitState* conduit, unsigned long metric, const GroupKey* group);
 
   Registry& m_registry;
   ReadWriteLock m_lock;  // guards the lazy registration of the local conduit

@@ -1,5 +1,6 @@
 #include "foundation/read_write_lock.h"
 
+#include "foundation/single_thread.h"
 #include "kt/platform.h"
 
 namespace MetricsFramework {
@@ -22,11 +23,23 @@ void ReadWriteLock::ExclusiveLock::LockEx() {
 }
 
 bool ReadWriteLock::ExclusiveLock::TryLockEx() {
+  if (ProcessIsSingleThreaded()) {
+    // Nobody can take a ticket meanwhile: plain stores do.
+    const int free = serving.load(std::memory_order_relaxed) - 1;
+    if (nextTicket.load(std::memory_order_relaxed) != free) return false;
+    nextTicket.store(free + 1, std::memory_order_relaxed);
+    return true;
+  }
   int expected = serving.load() - 1;
   return nextTicket.compare_exchange_strong(expected, expected + 1);
 }
 
 void ReadWriteLock::ExclusiveLock::UnlockEx() {
+  if (ProcessIsSingleThreaded()) {
+    // One thread: nobody queued, nobody asleep.
+    serving.store(serving.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    return;
+  }
   const int held = serving.load();
   if (nextTicket.load() != held) {
     // Tickets are queued behind ours: admit the next one under the mutex.

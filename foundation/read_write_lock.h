@@ -21,6 +21,8 @@
 // the release mutex; each path that skips a mutex re-reads, after its own
 // change, the counter the other side changes first, so a waiter is either
 // seen and woken or sees its turn itself.
+// While the process runs one thread, the write side is taken and released
+// with plain stores (foundation/single_thread.h).
 //
 //   ReadWriteLock lock(true);
 //   lock.GetReadLock()->Lock();   // shared

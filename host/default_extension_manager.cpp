@@ -4,11 +4,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <typeinfo>
 
 #include "client/default_client_manager.h"
 #include "client/extension_call.h"
-#include "host/diagnostics.h"
-#include "host/logger.h"
+#include "foundation/diagnostics.h"
+#include "foundation/logger.h"
 #include "kt/client_manager.h"
 #include "kt/conduit.h"
 #include "kt/consumer.h"
@@ -402,6 +403,10 @@ KT_STATUS DefaultExtensionManager::PushDataToConsumers(unsigned long conduitHand
   // "data" is the name this failure has always been reported under.
   if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "data");
   return state->PushData(bindingHandle, data);
+}
+
+bool DefaultExtensionManager::PushesEndAtConduitNodes() const {
+  return typeid(*this) == typeid(DefaultExtensionManager);
 }
 
 KT_STATUS DefaultExtensionManager::DispatchRemoteMethod(unsigned long handle,

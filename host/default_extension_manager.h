@@ -22,7 +22,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/registry_manager.h"
+#include "registry/registry_manager.h"
 #include "kt/extension.h"
 #include "registry/registry.h"
 
@@ -98,6 +98,9 @@ class DefaultExtensionManager : public IRegistryManager {
   // delivered then). An exception from a logger passes through.
   KT_STATUS Log(unsigned int level, const char* source, const char* format, ...) override;
   Registry& GetRegistry() override { return m_registry; }
+  // True for this class itself only: a class derived from it may route pushes
+  // elsewhere.
+  bool PushesEndAtConduitNodes() const override;
 
   // True when the root has a child `branch` that has a child `name`.
   bool ExtensionAlreadyExists(const char* branch, const char* name);

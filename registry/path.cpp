@@ -37,7 +37,8 @@ Path::Path()
       m_payload(nullptr),
       m_handle(0),
       m_lock(true),
-      m_listed(0) {
+      m_listed(0),
+      m_childChanges(0) {
   new PathData(this);  // becomes this node's payload
 }
 
@@ -334,11 +335,13 @@ void Path::SetRootIdentity(unsigned long handle, const std::string& name) {
 
 void Path::FileByHandle(unsigned long handle, const PathLink& link) {
   m_childrenByHandle[handle] = link;
+  ++m_childChanges;
   if (HandleIndex* index = MirrorIndex()) index->Set(handle, link.target);
 }
 
 bool Path::EraseByHandle(unsigned long handle, Path* target, unsigned int kind) {
   if (!EraseIfTarget(m_childrenByHandle, handle, target, kind)) return false;
+  ++m_childChanges;
   if (HandleIndex* index = MirrorIndex()) index->Erase(handle);
   return true;
 }

@@ -118,6 +118,10 @@ class Path {
   PathData* GetPayload() const { return m_payload; }
   bool IsListed() const { return m_listed != 0; }
   IReadWriteLock& GetLock() { return m_lock; }
+  // Counts every change of the child list. Read it under the node's lock, read
+  // or write: a caller that keeps something built from the children tells
+  // from it whether they changed since.
+  unsigned long ChildChanges() const { return m_childChanges; }
 
  protected:
   // Destroys the payload, removes every link to this node and destroys every
@@ -156,6 +160,7 @@ class Path {
   unsigned int m_listed;
   std::unordered_map<std::string, PathLink> m_childrenByName;
   std::unordered_map<unsigned long, PathLink> m_childrenByHandle;
+  unsigned long m_childChanges;  // under m_lock
 };
 
 }  // namespace MetricsFramework

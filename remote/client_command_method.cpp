@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "client/default_client_manager.h"
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "registry/registry.h"
 #include "remote/descriptor_blob.h"
 #include "remote/proxy_buffer.h"

@@ -3,6 +3,7 @@
 
 #include <climits>
 #include <cstring>
+#include <mutex>
 
 namespace MetricsFramework {
 
@@ -254,7 +255,7 @@ unsigned int ProxyBuffer::ReadBack(void* out, unsigned int outSize) const {
 }
 
 unsigned long ProxyBuffer::QueuedBytes() const {
-  ReadGuard hold(committedLock);
+  std::lock_guard<LeafMutex> hold(queueMutex);
   unsigned long total = 0;
   for (std::size_t i = 0; i < committed.Size(); ++i) total += committed[i].size;
   return total;

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "host/diagnostics.h"
-#include "host/logger.h"
+#include "foundation/diagnostics.h"
+#include "foundation/logger.h"
 #include "registry/registry.h"
 #include "state/conduit_state.h"
 

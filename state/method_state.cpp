@@ -1,6 +1,6 @@
 #include "state/method_state.h"
 
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 
 namespace MetricsFramework {
 

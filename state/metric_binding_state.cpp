@@ -1,6 +1,6 @@
 #include "state/metric_binding_state.h"
 
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "registry/registry.h"
 #include "state/conduit_state.h"
 #include "state/publisher_state.h"

@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "registry/registry.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"

@@ -1,6 +1,6 @@
 #include "state/probe_type_state.h"
 
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "state/probe_state.h"
 #include "state/publisher_state.h"
 

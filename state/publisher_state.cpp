@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "registry/registry.h"
 #include "state/metric_state.h"
 #include "state/probe_type_state.h"

@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "kt/extension_manager.h"
 
 namespace MetricsFramework {

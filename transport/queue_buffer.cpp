@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <typeinfo>
+#include <mutex>
 
-#include "host/default_extension_manager.h"
-#include "host/diagnostics.h"
-#include "host/registry_manager.h"
-#include "state/conduit_state.h"
+#include "foundation/diagnostics.h"
+#include "registry/path_data.h"
+#include "registry/registry_manager.h"
 
 namespace MetricsFramework {
 namespace {
@@ -31,12 +30,12 @@ Path* FindConduitPath(IConduit* conduit, unsigned long conduitHandle) {
   return manager->GetRegistry().ResolveHandle(conduitHandle);
 }
 
-// Whether a push handed to the conduit's manager ends in ConduitState::PushData
-// of the state filed under the conduit's handle and nothing else: true only for
-// this library's manager itself, not for a class derived from it.
-bool ManagerRoutesToState(IConduit* conduit) {
-  IExtensionManager* manager = conduit != nullptr ? conduit->GetExtensionManager() : nullptr;
-  return manager != nullptr && typeid(*manager) == typeid(DefaultExtensionManager);
+// Whether a push handed to the conduit's manager ends at the payload of the
+// conduit's node and nothing else.
+bool ManagerPushesToNode(IConduit* conduit) {
+  auto* manager = dynamic_cast<IRegistryManager*>(
+      conduit != nullptr ? conduit->GetExtensionManager() : nullptr);
+  return manager != nullptr && manager->PushesEndAtConduitNodes();
 }
 
 }  // namespace
@@ -44,7 +43,6 @@ bool ManagerRoutesToState(IConduit* conduit) {
 QueueBuffer::QueueBuffer(unsigned int initialSize, IConduit* conduit, unsigned long conduitHandle,
                          unsigned long bindingHandle, unsigned int flags)
     : heaps(new std::list<HeapState*>()),
-      committedLock(true),
       committedCount(0),
       firstCommit(true),
       conduit(conduit),
@@ -65,11 +63,14 @@ QueueBuffer::~QueueBuffer() {
 
 bool QueueBuffer::SortBySize(const HeapState*, const HeapState*) { return false; }
 
+IPushTarget* QueueBuffer::NodeTarget() const {
+  return conduitPath != nullptr ? dynamic_cast<IPushTarget*>(conduitPath->GetPayload()) : nullptr;
+}
+
 bool QueueBuffer::AttachRoute(PushRoute* newRoute) {
   if (newRoute != nullptr) {
-    ConduitState* state = newRoute->State();
-    if (state == nullptr || conduitPath == nullptr || state->m_path != conduitPath ||
-        conduitPath->GetPayload() != state || !ManagerRoutesToState(conduit)) {
+    IPushTarget* target = newRoute->Target();
+    if (target == nullptr || target != NodeTarget() || !ManagerPushesToNode(conduit)) {
       return false;
     }
     newRoute->Hold();
@@ -81,7 +82,7 @@ bool QueueBuffer::AttachRoute(PushRoute* newRoute) {
 void* QueueBuffer::Reserve(unsigned long size) {
   // Block sizes are 32-bit: the upper half of `size` is dropped on purpose.
   const unsigned int n = static_cast<unsigned int>(size);
-  std::lock_guard<std::mutex> hold(heapMutex);
+  std::lock_guard<LeafMutex> hold(queueMutex);
 
   // Fit checks and new capacities are summed in 64 bits so that a size near
   // 4 GiB cannot wrap around into an arena too small for it.
@@ -129,16 +130,11 @@ std::size_t QueueBuffer::FindLive(const void* data) const {
 }
 
 void QueueBuffer::Commit(void* data) {
-  unsigned int n = 0;
   {
-    std::lock_guard<std::mutex> hold(heapMutex);
+    std::lock_guard<LeafMutex> hold(queueMutex);
     const std::size_t at = FindLive(data);
-    if (at != live.Size()) n = live[at].size;
-  }
-  if (n == 0) return;
-
-  {
-    WriteGuard hold(committedLock);
+    if (at == live.Size()) return;
+    const unsigned int n = live[at].size;
     // A block committed again while still queued moves to the back but stays
     // live in its arena: releasing it here would leave it queued yet
     // unreleasable, and the buffer would stall.
@@ -151,25 +147,22 @@ void QueueBuffer::Commit(void* data) {
     }
     committed.PushBack({data, n});
     committedCount.store(committed.Size(), std::memory_order_release);
+    firstCommit = false;
   }
-  firstCommit = false;
   if ((flags & kPushOnCommit) != 0) Push();
 }
 
 void QueueBuffer::CommitTimeBasedMetric(void* data) {
   // No block, no sample: consumers are never handed a null sample to read.
   if (data == nullptr) return;
-  if (ConduitState* state = RoutedState()) {
-    state->PushDataForTimeBasedMetric(bindingHandle, data);
-  } else if (conduitPath != nullptr) {
-    if (auto* found = dynamic_cast<ConduitState*>(conduitPath->GetPayload())) {
-      found->PushDataForTimeBasedMetric(bindingHandle, data);
-    }
-  }
+  IPushTarget* target = RoutedTarget();
+  if (target == nullptr) target = NodeTarget();
+  if (target != nullptr) target->PushDataForTimeBasedMetric(bindingHandle, data);
   // The block is never queued, so no reader will release it: it goes back to
   // its arena here, or every time-based sample would grow the buffer. A buffer
   // without a conduit node delivers nothing and still releases the block, so
   // that it does not grow either.
+  std::lock_guard<LeafMutex> hold(queueMutex);
   ReleaseFromArena(data);
 }
 
@@ -190,9 +183,7 @@ KT_STATUS QueueBuffer::Push() {
   if (conduit == nullptr || bindingHandle == 0) return KT_STATUS_SUCCESS;
   if (committedCount.load(std::memory_order_acquire) == 0) return KT_STATUS_SUCCESS;
   // A route is attached only where the manager would send this push.
-  if (ConduitState* state = RoutedState()) {
-    return state->PushData(bindingHandle, this);
-  }
+  if (IPushTarget* target = RoutedTarget()) return target->PushData(bindingHandle, this);
   IExtensionManager* manager = conduit->GetExtensionManager();
   if (manager == nullptr) return Fail(KT_STATUS_INVALID_OPERATION, "extensionManager");
   return manager->PushDataToConsumers(conduitHandle, bindingHandle, this);
@@ -204,30 +195,27 @@ void QueueBuffer::GetData(const void** data, unsigned long* size) const {
     if (size != nullptr) *size = 0;
     return;
   }
-  ReadGuard hold(committedLock);
+  std::lock_guard<LeafMutex> hold(queueMutex);
   const bool empty = committed.Empty();
   *data = empty ? nullptr : committed.Front().data;
   if (size != nullptr) *size = empty ? 0 : committed.Front().size;
 }
 
 void QueueBuffer::MakeAvailable(const void* data) const {
-  // Dequeued before its bytes go back to the arena: once released, the
-  // producer may carve and commit the same address again, and that new sample
-  // must not be dequeued by this release.
-  {
-    WriteGuard hold(committedLock);
-    for (std::size_t i = 0; i < committed.Size(); ++i) {
-      if (committed[i].data != data) continue;
-      committed.Erase(i);  // a block is queued at most once
-      committedCount.store(committed.Size(), std::memory_order_release);
-      break;
-    }
+  // Dequeued in the same hold as its bytes go back to the arena: once
+  // released, the producer may carve and commit the same address again, and
+  // that new sample must not be dequeued by this release.
+  std::lock_guard<LeafMutex> hold(queueMutex);
+  for (std::size_t i = 0; i < committed.Size(); ++i) {
+    if (committed[i].data != data) continue;
+    committed.Erase(i);  // a block is queued at most once
+    committedCount.store(committed.Size(), std::memory_order_release);
+    break;
   }
   ReleaseFromArena(data);
 }
 
 void QueueBuffer::ReleaseFromArena(const void* data) const {
-  std::lock_guard<std::mutex> hold(heapMutex);
   const std::size_t at = FindLive(data);
   if (at == live.Size()) return;
   HeapState* heap = live[at].heap;
@@ -241,12 +229,12 @@ void QueueBuffer::ReleaseFromArena(const void* data) const {
 }
 
 const void* QueueBuffer::Front() const {
-  ReadGuard hold(committedLock);
+  std::lock_guard<LeafMutex> hold(queueMutex);
   return committed.Empty() ? nullptr : committed.Front().data;
 }
 
 void QueueBuffer::Clear() {
-  std::lock_guard<std::mutex> hold(heapMutex);
+  std::lock_guard<LeafMutex> hold(queueMutex);
   FreeArenas(*heaps);
   live.Clear();
 }
@@ -255,7 +243,7 @@ void QueueBuffer::Reset(unsigned long bindingHandle) {
   // The queue is emptied too: blocks left in it would point into the arenas
   // freed below, and the reused buffer would deliver freed memory forever.
   {
-    WriteGuard hold(committedLock);
+    std::lock_guard<LeafMutex> hold(queueMutex);
     committed.Clear();
     committedCount.store(0, std::memory_order_release);
   }

@@ -13,10 +13,11 @@
 // blocks are released; until then its space is not reused, and a slow reader
 // makes the buffer add arenas, each larger than the largest one so far.
 //
-// A conduit state that binds a metric to the buffer attaches its route
-// (AttachRoute, below) and detaches it when the binding ends. While the route
-// is attached and open, a push goes straight to its state, which is where this
-// library's manager would route it, so that samples need no lookup by handle.
+// The payload of the conduit's node that binds a metric to the buffer
+// attaches its route (AttachRoute, below) and detaches it when the binding
+// ends. While the route is attached and open, a push goes straight to its
+// target, which is where this library's manager would route it, so that
+// samples need no lookup by handle.
 //
 // Ownership: the buffer owns its arenas; the conduit that made it owns the
 // buffer. Blocks stay valid until they are released, Clear, Reset or the
@@ -25,9 +26,10 @@
 // Threads: one producer (Reserve, Commit, CommitTimeBasedMetric) and a pushing
 // side (GetData, MakeAvailable, Flush) that may run on other threads, for
 // instance a grouped cycle completed by another metric's push or a client's
-// flush. The committed ring carries its own recursive ReadWriteLock; the arena
-// list, the arenas and the live ring are guarded by one leaf mutex, never held
-// while that lock is taken or while the buffer calls out. AttachRoute may run
+// flush. The arena list, the arenas, the live ring and the committed ring are
+// guarded by one leaf mutex, held briefly and never while the buffer calls
+// out, so that a release takes a block out of the queue and gives its bytes
+// back in one hold. AttachRoute may run
 // while the producer commits. Clear and Reset must not race with the producer
 // or the pushing side.
 #ifndef KT_TRANSPORT_QUEUE_BUFFER_H_
@@ -36,48 +38,17 @@
 #include <atomic>
 #include <cstddef>
 #include <list>
-#include <mutex>
 #include <vector>
 
-#include "foundation/read_write_lock.h"
+#include "foundation/leaf_mutex.h"
 #include "kt/buffer.h"
 #include "kt/conduit.h"
 #include "kt/status.h"
 #include "registry/path.h"
+#include "transport/push_target.h"
 #include "transport/ring_queue.h"
 
 namespace MetricsFramework {
-
-class ConduitState;
-
-// PushRoute: the way from a buffer to the conduit state it is bound through,
-// shared by that state and its buffers so that either may go first. The state
-// makes it, closes it when it is destroyed (State() is null from then on) and
-// lets go; each buffer holds it while attached; the last holder frees it.
-// Threads: any; State() may be read while the state closes it, but pushes
-// that use the state must have ended before the state is destroyed, as they
-// must for a push routed by the manager.
-class PushRoute {
- public:
-  // The maker holds the new route.
-  explicit PushRoute(ConduitState* state) : state(state), holders(1) {}
-  PushRoute(const PushRoute&) = delete;
-  PushRoute& operator=(const PushRoute&) = delete;
-
-  ConduitState* State() const { return state.load(std::memory_order_acquire); }
-  void Close() { state.store(nullptr, std::memory_order_release); }
-  void Hold() { holders.fetch_add(1, std::memory_order_relaxed); }
-  // Lets go; the last holder frees the route.
-  void Release() {
-    if (holders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
-  }
-
- private:
-  ~PushRoute() = default;
-
-  std::atomic<ConduitState*> state;
-  std::atomic<int> holders;
-};
 
 // One arena: a plain record owned by its buffer.
 struct HeapState {
@@ -128,7 +99,7 @@ class QueueBuffer : public IReadWriteBuffer {
   // take the oldest block; with it, does nothing (every Commit has pushed).
   void Flush() override;
 
-  // Asks the conduit's extension manager (or the attached state, where the
+  // Asks the conduit's extension manager (or the attached target, where the
   // manager would send it) to deliver the oldest block to the consumers of
   // the binding. Returns KT_STATUS_SUCCESS without calling anyone when there
   // is no conduit, no binding or nothing queued; KT_STATUS_INVALID_OPERATION
@@ -141,12 +112,12 @@ class QueueBuffer : public IReadWriteBuffer {
   // buffer to `bindingHandle`. For a pooled buffer handed to a new binding.
   void Reset(unsigned long bindingHandle);
 
-  // Holds `route`, so that pushes and time-based samples reach its state
+  // Holds `route`, so that pushes and time-based samples reach its target
   // without a lookup, and lets go of the route held before; null detaches.
-  // Attaches nothing, and returns false, unless the route's state is the
-  // payload of the conduit's node and the conduit's manager is exactly this
-  // library's extension manager (whose push routes to that payload): other
-  // managers still see every push.
+  // Attaches nothing, and returns false, unless the route's target is the
+  // payload of the conduit's node and the conduit's manager says that its
+  // pushes end at that payload (IRegistryManager): other managers still see
+  // every push.
   bool AttachRoute(PushRoute* route);
 
   // The arena order used after adding an arena: answers false for every pair,
@@ -168,10 +139,9 @@ class QueueBuffer : public IReadWriteBuffer {
   };
 
   std::list<HeapState*>* heaps;                // arenas, in search order
-  mutable RingQueue<LiveBlock> live;           // reservation order; under heapMutex
-  mutable RingQueue<QueuedBlock> committed;    // oldest first; under committedLock
-  mutable ReadWriteLock committedLock;         // built recursive
-  // committed.Size(), written under committedLock, so that Push can tell an
+  mutable RingQueue<LiveBlock> live;           // reservation order; under queueMutex
+  mutable RingQueue<QueuedBlock> committed;    // oldest first; under queueMutex
+  // committed.Size(), written under queueMutex, so that Push can tell an
   // empty queue without taking it.
   mutable std::atomic<std::size_t> committedCount;
   bool firstCommit;                            // true until the first Commit
@@ -180,7 +150,7 @@ class QueueBuffer : public IReadWriteBuffer {
   unsigned long bindingHandle;                 // 0 while unbound
   unsigned int flags;
   Path* conduitPath;                           // the conduit's node, or null
-  mutable std::mutex heapMutex;                // guards heaps, the arenas and `live`
+  mutable LeafMutex queueMutex;                // guards heaps, the arenas and both rings
   std::atomic<PushRoute*> route;               // held; null when detached
 
  private:
@@ -188,18 +158,20 @@ class QueueBuffer : public IReadWriteBuffer {
 
   // The oldest committed block, or null.
   const void* Front() const;
-  // The state of the attached route while it is open, or null.
-  ConduitState* RoutedState() const {
+  // The target of the attached route while it is open, or null.
+  IPushTarget* RoutedTarget() const {
     PushRoute* held = route.load(std::memory_order_acquire);
-    return held != nullptr ? held->State() : nullptr;
+    return held != nullptr ? held->Target() : nullptr;
   }
+  // The payload of the conduit's node as a push target, or null.
+  IPushTarget* NodeTarget() const;
   // The place of the live block that starts at `data` in `live`, or
   // live.Size() when there is none. The newest and the oldest are tried
   // first: a commit names the block just reserved, a release the oldest.
-  // The caller holds heapMutex.
+  // The caller holds queueMutex.
   std::size_t FindLive(const void* data) const;
   // Gives the bytes of the live block `data` back to its arena; ignores
-  // pointers that are not live blocks. Takes heapMutex.
+  // pointers that are not live blocks. The caller holds queueMutex.
   void ReleaseFromArena(const void* data) const;
 };
 

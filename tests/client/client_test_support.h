@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "client/default_client_manager.h"
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
 #include "state/metric_state.h"

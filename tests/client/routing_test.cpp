@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client_test_support.h"
+#include "support/data_push_inspector.h"
 
 namespace MetricsFramework {
 namespace {
@@ -98,13 +99,14 @@ TEST_F(RoutingTest, SubscriptionThroughAConduitToThePeerIsBoundThere) {
   ASSERT_EQ(far.calls.size(), 3u);
   EXPECT_EQ(far.calls[2], Call("SubscribeMetric", k, foreign));
   EXPECT_TRUE(conduitToPeer.buffers.empty()) << "nothing is bound here";
-  EXPECT_EQ(Tables()->m_tags.map.at(foreign), 9u);
-  EXPECT_EQ(Tables()->m_groups.map.at(foreign), (std::pair<unsigned long, unsigned int>(0x77, 3)));
-  EXPECT_EQ(Tables()->m_groupTemplate[0x77][3].count(foreign), 0u) << "failed: out of the group";
+  DataPushInspector push(Tables());
+  EXPECT_EQ(push.TagOf(foreign), 9u);
+  EXPECT_EQ(push.GroupOf(foreign), (std::pair<unsigned long, unsigned int>(0x77, 3)));
+  EXPECT_EQ(push.Template(0x77, 3).count(foreign), 0u) << "failed: out of the group";
 
   far.subscribeStatus = KT_STATUS_SUCCESS;
   EXPECT_EQ(client->__SubscribeMetric(k, conduit, foreign, true), KT_STATUS_SUCCESS);
-  EXPECT_EQ(Tables()->m_groupTemplate[0x77][3].count(foreign), 1u);
+  EXPECT_EQ(push.Template(0x77, 3).count(foreign), 1u);
 }
 
 // The peer no longer describes the metric, and the group is still found: it
@@ -113,8 +115,9 @@ TEST_F(RoutingTest, UnsubscriptionThroughAConduitToThePeerIsUndoneThereAndForgot
   DescribeForeign(0, KT_STATUS_SUCCESS);
   ASSERT_EQ(client->__SubscribeMetric(k, conduit, foreign, true), KT_STATUS_SUCCESS);
   FakeBuffer sample, other;
-  Tables()->m_collectedHandles[0x77][3] = {foreign, 0x55};
-  Tables()->m_collectedBuffers[0x77][3] = {&sample, &other};
+  DataPushInspector push(Tables());
+  push.CollectedHandles(0x77, 3) = {foreign, 0x55};
+  push.CollectedBuffers(0x77, 3) = {&sample, &other};
   far.calls.clear();
   far.status = KT_STATUS_DOES_NOT_EXIST;
 
@@ -122,11 +125,11 @@ TEST_F(RoutingTest, UnsubscriptionThroughAConduitToThePeerIsUndoneThereAndForgot
 
   ASSERT_FALSE(far.calls.empty());
   EXPECT_EQ(far.calls[0], Call("UnsubscribeMetric", k, foreign));
-  EXPECT_EQ(Tables()->m_tags.map.count(foreign), 0u);
-  EXPECT_EQ(Tables()->m_groups.map.count(foreign), 0u);
-  EXPECT_EQ(Tables()->m_groupTemplate[0x77][3].count(foreign), 0u);
-  EXPECT_EQ(Tables()->m_collectedHandles[0x77][3], std::vector<unsigned long>{0x55});
-  EXPECT_EQ(Tables()->m_collectedBuffers[0x77][3], std::vector<const IReadBuffer*>{&other});
+  EXPECT_FALSE(push.Tagged(foreign));
+  EXPECT_FALSE(push.Member(foreign));
+  EXPECT_EQ(push.Template(0x77, 3).count(foreign), 0u);
+  EXPECT_EQ(push.CollectedHandles(0x77, 3), std::vector<unsigned long>{0x55});
+  EXPECT_EQ(push.CollectedBuffers(0x77, 3), std::vector<const IReadBuffer*>{&other});
 }
 
 TEST_F(RoutingTest, MethodOfAPeerIsCalledThereWithoutTouchingAConduit) {

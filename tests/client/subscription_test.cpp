@@ -11,6 +11,7 @@
 
 #include "client_test_support.h"
 #include "foundation/read_write_lock.h"
+#include "support/data_push_inspector.h"
 
 namespace MetricsFramework {
 
@@ -43,13 +44,14 @@ class SubscriptionTest : public ClientManagerTest {
   unsigned long Conduit() { return client->GetConduitHandle(k, publisherNode->GetHandle()); }
   ConduitState* Tables() { return ConduitAt(Conduit()); }
 
-  bool Tagged(unsigned long metric) { return Tables()->m_tags.map.count(metric) != 0; }
-  bool Member(unsigned long metric) { return Tables()->m_groups.map.count(metric) != 0; }
+  DataPushInspector Push() { return DataPushInspector(Tables()); }
+  bool Tagged(unsigned long metric) { return Push().Tagged(metric); }
+  bool Member(unsigned long metric) { return Push().Member(metric); }
   bool InTemplate(unsigned long metric, unsigned int group) {
-    return Tables()->m_groupTemplate[publisherNode->GetHandle()][group].count(metric) != 0;
+    return Push().Template(publisherNode->GetHandle(), group).count(metric) != 0;
   }
   bool Expected(unsigned long metric, unsigned int group) {
-    return Tables()->m_groupExpected[publisherNode->GetHandle()][group].count(metric) != 0;
+    return Push().Expected(publisherNode->GetHandle(), group).count(metric) != 0;
   }
   bool Bound(unsigned long metric) {
     Path* bindings = registry().ResolveHandle(Conduit())->GetChild("bindings", 0);
@@ -73,10 +75,10 @@ TEST_F(SubscriptionTest, SubscribeBindsTheMetricAndRecordsTagAndGroupOnce) {
 
   EXPECT_TRUE(ConsumerOnConduit());
   EXPECT_TRUE(Bound(metric));
-  EXPECT_EQ(Tables()->m_tags.map.size(), 1u);
-  EXPECT_EQ(Tables()->m_tags.map.at(metric), 42u);
-  EXPECT_EQ(Tables()->m_groups.map.size(), 1u);
-  EXPECT_EQ(Tables()->m_groups.map.at(metric),
+  EXPECT_EQ(Push().TagCount(), 1u);
+  EXPECT_EQ(Push().TagOf(metric), 42u);
+  EXPECT_EQ(Push().MemberCount(), 1u);
+  EXPECT_EQ(Push().GroupOf(metric),
             (std::pair<unsigned long, unsigned int>(publisherNode->GetHandle(), 3)));
   EXPECT_TRUE(InTemplate(metric, 3));
   EXPECT_TRUE(Expected(metric, 3));
@@ -104,13 +106,13 @@ TEST_F(SubscriptionTest, UnavailableMetricFailsButKeepsItsTagAndMembershipOnly) 
 TEST_F(SubscriptionTest, TagIsWrittenUnderOneHoldOfItsLock) {
   const unsigned long metric = Publish("m", 42);
   ASSERT_EQ(client->SubscribeMetric(k, metric), KT_STATUS_SUCCESS);
-  ILock* tagLock = Tables()->m_tags.GetWriteLock();
+  ILock* tagLock = Push().TablesWriteLock();
   const int before = ReadWriteLockInspector::TicketsTaken(tagLock);
 
   client->SubscribeMetric(k, metric);
 
   EXPECT_EQ(ReadWriteLockInspector::TicketsTaken(tagLock) - before, 1);
-  EXPECT_EQ(Tables()->m_tags.map.at(metric), 42u);
+  EXPECT_EQ(Push().TagOf(metric), 42u);
 }
 
 // Each row is one call of the private twin (consumer, conduit, metric,
@@ -195,17 +197,17 @@ TEST_F(SubscriptionTest, UnsubscribeDropsTheCollectedPairsOfAMetricThatIsGone) {
   ASSERT_EQ(client->SubscribeMetric(k, metric), KT_STATUS_NOT_AVAILABLE);
   const unsigned long p = publisherNode->GetHandle();
   FakeBuffer own, other;
-  Tables()->m_collectedHandles[p][3] = {0x55, metric, 0x55, metric};
-  Tables()->m_collectedBuffers[p][3] = {&other, &own, &other, &own};
-  Tables()->m_pending[metric] = &own;
+  Push().CollectedHandles(p, 3) = {0x55, metric, 0x55, metric};
+  Push().CollectedBuffers(p, 3) = {&other, &own, &other, &own};
+  Push().Pending()[metric] = &own;
   ASSERT_EQ(publisherState->UnpublishMetric(metric), KT_STATUS_SUCCESS);
 
   client->UnsubscribeMetric(k, metric);
 
-  EXPECT_EQ(Tables()->m_collectedHandles[p][3], (std::vector<unsigned long>{0x55, 0x55}));
-  EXPECT_EQ(Tables()->m_collectedBuffers[p][3],
+  EXPECT_EQ(Push().CollectedHandles(p, 3), (std::vector<unsigned long>{0x55, 0x55}));
+  EXPECT_EQ(Push().CollectedBuffers(p, 3),
             (std::vector<const IReadBuffer*>{&other, &other}));
-  EXPECT_EQ(Tables()->m_pending.count(metric), 0u);
+  EXPECT_EQ(Push().Pending().count(metric), 0u);
   EXPECT_FALSE(Tagged(metric));
   EXPECT_FALSE(Member(metric));
 }

@@ -1,6 +1,7 @@
 #include "host/default_extension_manager.h"
 
 #include <gtest/gtest.h>
+#include "support/data_push_inspector.h"
 #include "support/stub_loader.h"
 #include <unistd.h>
 
@@ -15,7 +16,7 @@
 #include <vector>
 
 #include "client/default_client_manager.h"
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "kt/conduit.h"
 #include "kt/consumer.h"
 #include "kt/logger.h"
@@ -692,7 +693,7 @@ TEST_F(ExtensionManagerTest, PushChecksTheBufferFirstThenHandsItToTheConduitStat
   // a tag, it is refused differently: the binding handle reached the state.
   EXPECT_EQ(manager.PushDataToConsumers(pipe, 77, &buffer), KT_STATUS_INVALID_ARGUMENT);
   EXPECT_EQ(buffer.released, (std::vector<const void*>{&buffer.sample}));
-  StateOf<ConduitState>("conduits", "pipe")->m_groups.map[77] = {0, kUngrouped};
+  DataPushInspector(StateOf<ConduitState>("conduits", "pipe")).SetGroup(77, {0, kUngrouped});
   EXPECT_EQ(manager.PushDataToConsumers(pipe, 77, &buffer), KT_STATUS_DOES_NOT_EXIST);
 }
 

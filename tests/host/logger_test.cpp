@@ -1,11 +1,11 @@
-#include "host/logger.h"
+#include "foundation/logger.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "host/default_logger.h"
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 
 namespace MetricsFramework {
 namespace {

@@ -10,6 +10,7 @@
 #include "state/metric_state.h"
 #include "state_fakes.h"
 #include "support/fake_manager.h"
+#include "support/data_push_inspector.h"
 #include "support/filing_loader.h"
 #include "transport/queue_buffer.h"
 
@@ -39,8 +40,8 @@ class ConsumerStateTest : public ::testing::Test {
     ConduitState* conduit = LocalConduit();
     EXPECT_EQ(conduit->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
     EXPECT_EQ(conduit->Bind(publisherNode->GetChild(h, 0), h), KT_STATUS_SUCCESS);
-    conduit->m_tags.map[h] = 1;
-    conduit->m_groups.map[h] = {publisherNode->GetHandle(), kUngrouped};
+    DataPushInspector(conduit).SetTag(h, 1);
+    DataPushInspector(conduit).SetGroup(h, {publisherNode->GetHandle(), kUngrouped});
     return publisherNode->GetChild(h, 0);
   }
 
@@ -116,21 +117,22 @@ TEST_F(ConsumerStateTest, UnbindForgetsTheMetricInThePushTables) {
   Path* metric = SubscribedMetric("m");
   ConduitState* conduit = LocalConduit();
   const unsigned long h = metric->GetHandle();
-  conduit->m_groups.map[h] = {7, 1};
-  conduit->m_groupTemplate[7][1] = {h, 0x55};
-  conduit->m_groupExpected[7][1] = {0x55};
+  DataPushInspector tables(conduit);
+  tables.SetGroup(h, {7, 1});
+  tables.Template(7, 1) = {h, 0x55};
+  tables.Expected(7, 1) = {0x55};
   QueueBuffer other(64, nullptr, 0, 0, 0);
-  conduit->m_collectedHandles[7][1] = {0x55, h, 0x55};
-  conduit->m_collectedBuffers[7][1] = {&other, nullptr, &other};
+  tables.CollectedHandles(7, 1) = {0x55, h, 0x55};
+  tables.CollectedBuffers(7, 1) = {&other, nullptr, &other};
 
   ASSERT_EQ(conduit->Unbind(h), KT_STATUS_SUCCESS);
 
-  EXPECT_EQ(conduit->m_groupTemplate[7][1].count(h), 0u);
-  EXPECT_EQ(conduit->m_collectedHandles[7][1], (std::vector<unsigned long>{0x55, 0x55}));
-  EXPECT_EQ(conduit->m_collectedBuffers[7][1],
+  EXPECT_EQ(tables.Template(7, 1).count(h), 0u);
+  EXPECT_EQ(tables.CollectedHandles(7, 1), (std::vector<unsigned long>{0x55, 0x55}));
+  EXPECT_EQ(tables.CollectedBuffers(7, 1),
             (std::vector<const IReadBuffer*>{&other, &other}));
-  EXPECT_EQ(conduit->m_tags.map.count(h), 0u);
-  EXPECT_EQ(conduit->m_groups.map.count(h), 0u);
+  EXPECT_FALSE(tables.Tagged(h));
+  EXPECT_FALSE(tables.Member(h));
 }
 
 // Every order of teardown leaves no link, binding or buffer behind (run under
@@ -167,7 +169,7 @@ TEST_F(ConsumerStateTest, DestroyingTheMetricFirstKeepsTheSubscription) {
   ASSERT_EQ(publisherState->UnpublishMetric(h), KT_STATUS_SUCCESS);
 
   EXPECT_FALSE(conduit->m_path->GetChild("bindings", 0)->HasChildren());
-  EXPECT_EQ(conduit->m_tags.map.count(h), 0u);
+  EXPECT_FALSE(DataPushInspector(conduit).Tagged(h));
   EXPECT_NE(node->GetChild(conduit->m_path->GetHandle(), 0), nullptr);
 }
 

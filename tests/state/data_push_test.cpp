@@ -16,6 +16,7 @@
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
 #include "state_fakes.h"
+#include "support/data_push_inspector.h"
 #include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
@@ -51,14 +52,14 @@ class DataPushTest : public ::testing::Test {
     ASSERT_EQ(to->Subscribe(node->GetHandle()), KT_STATUS_SUCCESS);
   }
   void Tag(unsigned long metric, unsigned long tag, unsigned int group = kUngrouped) {
-    conduit->m_tags.map[metric] = tag;
-    conduit->m_groups.map[metric] = {kPublisher, group};
+    DataPushInspector(conduit).SetTag(metric, tag);
+    DataPushInspector(conduit).SetGroup(metric, {kPublisher, group});
   }
   void Group(std::initializer_list<unsigned long> members) {
     for (unsigned long m : members) {
       Tag(m, m * 10, 1);
-      conduit->m_groupTemplate[kPublisher][1].insert(m);
-      conduit->m_groupExpected[kPublisher][1].insert(m);
+      DataPushInspector(conduit).Template(kPublisher, 1).insert(m);
+      DataPushInspector(conduit).Expected(kPublisher, 1).insert(m);
     }
   }
   // Each metric has its own buffer; Commit queues a sample without pushing.
@@ -100,7 +101,7 @@ TEST_F(DataPushTest, UngroupedSampleReachesEveryConsumerOnceAndIsReleased) {
   RecordingConsumer first, second;
   Subscribe(conduit, &first);
   Subscribe(conduit, &second);
-  conduit->m_groups.map[kB] = {kPublisher, kUngrouped};
+  DataPushInspector(conduit).SetGroup(kB, {kPublisher, kUngrouped});
   EXPECT_EQ(Push(kA, "a"), KT_STATUS_INVALID_ARGUMENT);
   EXPECT_EQ(Push(kB, "b"), KT_STATUS_DOES_NOT_EXIST);
   EXPECT_TRUE(first.calls.empty());
@@ -159,7 +160,7 @@ TEST_F(DataPushTest, MemberWhoseTagWasRemovedIsLeftOutAndReleased) {
   RecordingConsumer consumer;
   Subscribe(conduit, &consumer);
   Group({kA, kB, kC});
-  conduit->m_tags.map.erase(kB);
+  DataPushInspector(conduit).EraseTag(kB);
 
   Push(kA, "a");
   Push(kB, "b");
@@ -191,7 +192,7 @@ TEST_F(DataPushTest, BatchedMetricGoesOneSampleAtATimeToBatchedConsumersOnly) {
   Push(kA, "x");
   Push(kA, "y");
 
-  EXPECT_EQ(conduit->m_batchMetrics.size(), 1u);
+  EXPECT_EQ(DataPushInspector(conduit).BatchCount(), 1u);
   ASSERT_EQ(batched.batched.batches.size(), 2u);
   EXPECT_EQ(batched.batched.batches[1].first, "y");
   EXPECT_EQ(batched.batched.batches[1].tag, 7u);
@@ -229,8 +230,8 @@ TEST_F(DataPushTest, PushesOfTwoConduitsRunSideBySide) {
   Subscribe(conduit, &left);
   Subscribe(other, &right);
   Tag(kA, 1);
-  other->m_tags.map[kB] = 2;
-  other->m_groups.map[kB] = {kPublisher, kUngrouped};
+  DataPushInspector(other).SetTag(kB, 2);
+  DataPushInspector(other).SetGroup(kB, {kPublisher, kUngrouped});
   BufferOf(kA);  // made before the threads start
   BufferOf(kB);
 

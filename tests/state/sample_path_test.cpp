@@ -11,6 +11,7 @@
 
 #include "host/default_extension_manager.h"
 #include "support/fake_manager.h"
+#include "support/data_push_inspector.h"
 #include "state/conduit_state.h"
 #include "state/consumer_state.h"
 #include "state/metric_state.h"
@@ -115,8 +116,8 @@ class DirectSamplePathTest : public ::testing::Test {
     EXPECT_EQ(state->Subscribe(consumerNode->GetHandle()), KT_STATUS_SUCCESS);
     metric = Published(publisherState, "cpu");
     EXPECT_EQ(state->Bind(publisherNode->GetChild(metric, 0), metric), KT_STATUS_SUCCESS);
-    state->m_tags.map[metric] = 9;
-    state->m_groups.map[metric] = {publisherNode->GetHandle(), kUngrouped};
+    DataPushInspector(state).SetTag(metric, 9);
+    DataPushInspector(state).SetGroup(metric, {publisherNode->GetHandle(), kUngrouped});
     writer = dynamic_cast<QueueBuffer*>(publisher.bound.at(0)->attached);
   }
   void Write(const char* text) {

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/registry_manager.h"
+#include "registry/registry_manager.h"
 #include "kt/buffer.h"
 #include "state/conduit_state.h"
 

@@ -17,7 +17,7 @@
 
 #include "client/default_client_manager.h"
 #include "host/default_extension_manager.h"
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 #include "remote/client_command_method.h"
 #include "support/stub_loader.h"
 

@@ -12,11 +12,11 @@
 //
 // The message is a side channel: it never changes a result. All of this may be
 // called from any thread.
-#ifndef KT_HOST_DIAGNOSTICS_H_
-#define KT_HOST_DIAGNOSTICS_H_
+#ifndef KT_FOUNDATION_DIAGNOSTICS_H_
+#define KT_FOUNDATION_DIAGNOSTICS_H_
 
 #include "foundation/kt_string.h"
-#include "host/logger.h"
+#include "foundation/logger.h"
 #include "kt/status.h"
 
 namespace MetricsFramework {
@@ -78,4 +78,4 @@ bool ConsoleTraceRequested();
 
 }  // namespace MetricsFramework
 
-#endif  // KT_HOST_DIAGNOSTICS_H_
+#endif  // KT_FOUNDATION_DIAGNOSTICS_H_

@@ -1,4 +1,4 @@
-#include "host/logger.h"
+#include "foundation/logger.h"
 
 #include <new>
 

@@ -9,8 +9,8 @@
 // There is exactly one Logger, built when the library is loaded and never
 // destroyed, so that it stays callable from any thread at any time, also while
 // other objects are being destroyed at unload. It keeps no state.
-#ifndef KT_HOST_LOGGER_H_
-#define KT_HOST_LOGGER_H_
+#ifndef KT_FOUNDATION_LOGGER_H_
+#define KT_FOUNDATION_LOGGER_H_
 
 #include <ostream>
 #include <sstream>
@@ -83,4 +83,4 @@ Logger& operator<<(Logger& logger, unsigned long value);
 // The one global Logger.
 Logger& GetLogger();
 
-#endif  // KT_HOST_LOGGER_H_
+#endif  // KT_FOUNDATION_LOGGER_H_

@@ -1,4 +1,4 @@
-#include "host/diagnostics.h"
+#include "foundation/diagnostics.h"
 
 #include <cstdlib>
 
