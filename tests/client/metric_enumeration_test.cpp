@@ -45,7 +45,7 @@ class EnumerationTest : public ClientManagerTest {
     return handles;
   }
 
-  FakePublisher otherPublisher;
+  CountingPublisher otherPublisher;
 };
 
 // Deliberately as it stands: ordinary metrics (kind 4) are not listed but
@@ -170,7 +170,7 @@ TEST_F(EnumerationTest, ChildThatCannotBeDescribedEndsTheCallAndKeepsWhatWasList
 }
 
 TEST_F(EnumerationTest, EnumerationFromTheRootReachesTheMetricsOfAMountedPeer) {
-  FakePublisher farPublisher;
+  CountingPublisher farPublisher;
   Registry elsewhere;
   DefaultClientManager far(elsewhere);
   Path* farNode = elsewhere.GetChild("publishers/x", kPathCreate);

@@ -180,7 +180,8 @@ KT_STATUS RecordingClientManager::GetMetricDescriptor(unsigned long metric,
   return Answer(out, description);
 }
 KT_STATUS RecordingClientManager::SubscribeMetric(unsigned long consumer, unsigned long metric) {
-  return Record("SubscribeMetric", consumer, metric);
+  Record("SubscribeMetric", consumer, metric);
+  return subscribeStatus;
 }
 KT_STATUS RecordingClientManager::UnsubscribeMetric(unsigned long consumer, unsigned long metric) {
   return Record("UnsubscribeMetric", consumer, metric);

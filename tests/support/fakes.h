@@ -167,15 +167,16 @@ class HostBuffer : public IReadWriteBuffer {
 };
 
 // A conduit whose buffers are HostBuffers; `createStatus` makes CreateBuffer
-// refuse. Transact answers `transactStatus`; GetRemoteHandle answers
-// `remote`, or the conduit's own handle while that is 0.
+// refuse. Transact notes the method and answers `transactStatus`;
+// GetRemoteHandle answers `remote`, or the conduit's own handle while that is 0.
 class FakeConduit : public IConduit {
  public:
   void OnSubscribed(unsigned long) override {}
   void OnUnsubscribed(unsigned long) override {}
   KT_STATUS CreateBuffer(unsigned long, IReadWriteBuffer** out) override;
   void DestroyBuffer(IReadWriteBuffer* buffer) override { returned.push_back(buffer); }
-  KT_STATUS Transact(unsigned long, const IReadBuffer*, IWriteBuffer*) override {
+  KT_STATUS Transact(unsigned long method, const IReadBuffer*, IWriteBuffer*) override {
+    transacted.push_back(method);
     return transactStatus;
   }
   unsigned long GetRemoteHandle() override { return remote != 0 ? remote : GetHandle(); }
@@ -185,6 +186,7 @@ class FakeConduit : public IConduit {
   unsigned long remote = 0;
   std::vector<std::unique_ptr<HostBuffer>> buffers;
   std::vector<IReadWriteBuffer*> returned;
+  std::vector<unsigned long> transacted;
 };
 
 // A method named `name` that answers `reply` followed by the bytes of its
@@ -251,6 +253,7 @@ class RecordingClientManager : public IClientManager {
   }
 
   KT_STATUS status = 77;  // no status of the table: it can only come from here
+  KT_STATUS subscribeStatus = 77;  // SubscribeMetric's answer
   unsigned long handle = 0;
   unsigned int count = 0;
   ResourceInfo info{};
