@@ -262,26 +262,6 @@ TEST_F(ClientManagerTest, PublisherWithTimeBasedMetricsMarksItsOtherMetrics) {
 // ---------------------------------------------------------------------------
 // Probes.
 
-class CountingProbe : public Metrics::IProbe {
- public:
-  KT_STATUS Begin(unsigned long a, unsigned long b, Metrics::EventType type, void* c) override {
-    return Note(RecordingClientManager::Call("Begin", a, b, static_cast<unsigned int>(type), c));
-  }
-  KT_STATUS End(unsigned long a, Metrics::EventType type, void* c) override {
-    return Note(RecordingClientManager::Call("End", a, static_cast<unsigned int>(type), c));
-  }
-  KT_STATUS Handle() override { return Note("Handle"); }
-  KT_STATUS Note(const std::string& call) { return calls.push_back(call), 99; }
-  std::vector<std::string> calls;
-};
-
-class CommandListProbe : public CountingProbe {
- public:
-  KT_STATUS OnChangeStateCommandList(void* a, void* b, Metrics::CommandListState s) override {
-    return Note(RecordingClientManager::Call("Command", a, b, static_cast<unsigned int>(s)));
-  }
-};
-
 class ProbeTest : public ClientManagerTest {
  protected:
   unsigned long PublishProbeType() {
@@ -293,7 +273,7 @@ class ProbeTest : public ClientManagerTest {
   }
   unsigned long Address(Metrics::IProbe* probe) { return reinterpret_cast<unsigned long>(probe); }
 
-  CountingProbe probe;
+  RecordingProbe probe;
 };
 
 TEST_F(ProbeTest, CreatedProbeIsFiledUnderItsTypeAndDestroyedByItsSite) {
@@ -317,15 +297,11 @@ TEST_F(ProbeTest, CreatedProbeIsFiledUnderItsTypeAndDestroyedByItsSite) {
 TEST_F(ProbeTest, EventsReachTheProbeAndAlwaysSucceed) {
   int context = 0, a = 0, b = 0;
   const auto type = static_cast<Metrics::EventType>(3);
-  CommandListProbe listening;
+  RecordingProbe listening;
 
   EXPECT_EQ(client->BeginProbe(Address(&probe), 1, 2, type, &context), KT_STATUS_SUCCESS);
   EXPECT_EQ(client->EndProbe(Address(&probe), 4, type, &context), KT_STATUS_SUCCESS);
   EXPECT_EQ(client->HandleProbe(Address(&probe)), KT_STATUS_SUCCESS);
-  EXPECT_EQ(client->OnChangeStateCommandList(Address(&probe), &context, nullptr,
-                                             Metrics::kCommandListIdle),
-            KT_STATUS_SUCCESS)
-      << "the default operation";
   EXPECT_EQ(client->OnChangeStateCommandList(Address(&listening), &a, &b,
                                              static_cast<Metrics::CommandListState>(2)),
             KT_STATUS_SUCCESS);

@@ -9,7 +9,7 @@
 #include "registry/registry.h"
 #include "state/logger_state.h"
 #include "state/peer_state.h"
-#include "state_fakes.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {

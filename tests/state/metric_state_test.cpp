@@ -3,12 +3,24 @@
 #include <gtest/gtest.h>
 
 #include "state/consumer_state.h"
-#include "state_fakes.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {
 
 using namespace testing_fakes;
+
+// A consumer whose listener face is reached only through CastTo.
+class AskedListenerConsumer : public RecordingConsumer {
+ public:
+  void* CastTo(const char* name) override {
+    if (name != nullptr && std::string(name) == "IMetricStateListener") {
+      return static_cast<IMetricStateListener*>(&listener);
+    }
+    return RecordingConsumer::CastTo(name);
+  }
+  ListeningConsumer listener;
+};
 
 class MetricStateTest : public ::testing::Test {
  protected:

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "state/metric_state.h"
-#include "state_fakes.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {
@@ -49,7 +49,7 @@ class PublisherStateTest : public ::testing::Test {
   }
 
   Registry registry;
-  FakePublisher publisher;
+  CountingPublisher publisher;
   Path* node;
   PublisherState* state;
   Path* conduit;
@@ -156,11 +156,11 @@ TEST_F(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAll
 
 TEST_F(PublisherStateTest, BindAttachesTheBufferAndUnbindGivesTheBoundMetricBack) {
   const unsigned long m = Publish("m");
-  FakeBuffer buffer;
+  HostBuffer buffer;
   IBoundMetric* bound = nullptr;
 
   ASSERT_EQ(state->Bind(m, conduit, &buffer, &bound), KT_STATUS_SUCCESS);
-  auto* fake = static_cast<FakeBoundMetric*>(bound);
+  auto* fake = static_cast<BoundMetric*>(bound);
   EXPECT_EQ(fake->attached, static_cast<IWriteBuffer*>(&buffer));
   EXPECT_TRUE(MetricAt(m)->m_description.flags & Metric::kFlagBound);
 

@@ -81,6 +81,19 @@ void BatchedConsumer::OnBatchMetricUpdated(unsigned long handle, unsigned long t
   if (keep) batches.push_back({handle, tag, data != nullptr ? static_cast<const char*>(data) : ""});
 }
 
+KT_STATUS RecordingProbe::Begin(unsigned long a, unsigned long b, Metrics::EventType type,
+                                void* c) {
+  return Note(RecordingClientManager::Call("Begin", a, b, static_cast<unsigned int>(type), c));
+}
+
+KT_STATUS RecordingProbe::End(unsigned long a, Metrics::EventType type, void* c) {
+  return Note(RecordingClientManager::Call("End", a, static_cast<unsigned int>(type), c));
+}
+
+KT_STATUS RecordingProbe::OnChangeStateCommandList(void* a, void* b, Metrics::CommandListState s) {
+  return Note(RecordingClientManager::Call("Command", a, b, static_cast<unsigned int>(s)));
+}
+
 HostBuffer::HostBuffer(const std::string& record) {
   if (!record.empty()) records.emplace_back(record.begin(), record.end());
 }

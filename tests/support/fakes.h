@@ -140,6 +140,18 @@ class ListeningConsumer : public RecordingConsumer, public IMetricStateListener 
   std::vector<std::pair<unsigned long, bool>> notices;
 };
 
+// A probe that records each event as "Begin a b type context", "End a type
+// context", "Handle", "Command a b state" (pointers as numbers), answering 99.
+class RecordingProbe : public Metrics::IProbe {
+ public:
+  KT_STATUS Begin(unsigned long a, unsigned long b, Metrics::EventType type, void* c) override;
+  KT_STATUS End(unsigned long a, Metrics::EventType type, void* c) override;
+  KT_STATUS Handle() override { return Note("Handle"); }
+  KT_STATUS OnChangeStateCommandList(void* a, void* b, Metrics::CommandListState s) override;
+  KT_STATUS Note(const std::string& call) { return calls.push_back(call), 99; }
+  std::vector<std::string> calls;
+};
+
 // A buffer of its own class: each record is a separate exact-size block, so
 // that a reader running past one is caught by the address sanitizer. Commit
 // queues the oldest reservation; GetData shows the oldest record and

@@ -18,6 +18,7 @@
 #include "registry/registry.h"
 #include "remote/client_command_method.h"
 #include "state/peer_state.h"
+#include "state/publisher_state.h"
 #include "support/fakes.h"
 
 namespace MetricsFramework {
@@ -146,6 +147,15 @@ struct LiveManager {
   HostLoader loader;
   std::unique_ptr<DefaultClientManager> client;
 };
+
+// Publishes the metric `uri` with `flags` through a publisher's state; its
+// handle.
+inline unsigned long Published(PublisherState* state, const std::string& uri,
+                               unsigned int flags = 0) {
+  unsigned long handle = 0;
+  state->PublishMetric(Describe(uri, 1, 0xFFFFFFFF, flags), &handle);
+  return handle;
+}
 
 constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
 constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
