@@ -17,12 +17,6 @@ namespace {
 
 using namespace testing_fakes;
 
-class CountingListener : public IClientManagerErrorListener {
- public:
-  void OnError(unsigned long, unsigned int) override { ++errors; }
-  int errors = 0;
-};
-
 // A publisher "pub" with the metric "m", a consumer "con", and a foreign
 // registry with a metric of its own.
 class ClientManagerBadInputTest : public ::testing::Test {
@@ -85,7 +79,7 @@ TEST_F(ClientManagerBadInputTest, NamespaceQueriesRefuseNullOutputsAndBadHandles
 
 TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
   const unsigned long batch[] = {metric, unknown, foreignMetric};
-  CountingListener listener;
+  RecordingErrorListener listener;
   ExpectRefusals({
       REFUSAL(c.SubscribeMetric(con, 0), kArgument, "metric"),
       REFUSAL(c.SubscribeMetric(unknown, metric), kObject, "conduit"),
@@ -108,7 +102,7 @@ TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
       REFUSAL(c.FlushMetrics(metric), kObject, "consumer"),
       REFUSAL(c.FlushMetrics(foreignMetric), kObject, "consumer"),
   });
-  EXPECT_EQ(listener.errors, 2);  // the unknown and the foreign metric
+  EXPECT_EQ(listener.errors.size(), 2u);  // the unknown and the foreign metric
 }
 
 // The private twins (consumer, conduit, metric, full) check their arguments in

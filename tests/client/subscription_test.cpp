@@ -26,14 +26,6 @@ namespace {
 using namespace testing_fakes;
 using Strings = std::vector<std::string>;
 
-class ErrorLog : public IClientManagerErrorListener {
- public:
-  void OnError(unsigned long metric, unsigned int status) override {
-    errors.emplace_back(metric, status);
-  }
-  std::vector<std::pair<unsigned long, unsigned int>> errors;
-};
-
 class SubscriptionTest : public ::testing::Test {
  protected:
   SubscriptionTest() {
@@ -196,7 +188,7 @@ TEST_F(SubscriptionTest, BatchedMetricGoesOneSampleAtATimeToBatchedConsumersOnly
 TEST_F(SubscriptionTest, BatchCallsTheListenerForEachFailureAndGoesOn) {
   const unsigned long first = Publish("a"), third = Publish("c");
   const unsigned long metrics[3] = {first, live.UnknownHandle(), third};
-  ErrorLog log;
+  RecordingErrorListener log;
 
   EXPECT_EQ(live.client->SubscribeMetrics(k, metrics, 3, &log), KT_STATUS_PARTIAL_FAILURE);
   EXPECT_EQ(log.errors, (decltype(log.errors){{metrics[1], KT_STATUS_INVALID_OBJECT}}));

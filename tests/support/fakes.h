@@ -292,6 +292,15 @@ class RecordingClientManager : public IClientManager {
   }
 };
 
+// Keeps every (metric, status) it is told of.
+class RecordingErrorListener : public IClientManagerErrorListener {
+ public:
+  void OnError(unsigned long metric, unsigned int status) override {
+    errors.emplace_back(metric, status);
+  }
+  std::vector<std::pair<unsigned long, unsigned int>> errors;
+};
+
 // A description named `uri` whose tag (word1) is `tag`, in group `group`
 // (word4), with `flags`.
 Metric::Description Describe(const std::string& uri, unsigned int tag = 1,

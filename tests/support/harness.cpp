@@ -78,7 +78,9 @@ void ExpectRefusals(const std::vector<RefusalCase>& cases) {
   for (const RefusalCase& c : cases) {
     Refusal();  // forget what came before
     EXPECT_EQ(c.call(), c.status) << c.entry;
-    EXPECT_EQ(Refusal(), c.argument) << c.entry;
+    if (c.argument != nullptr) {
+      EXPECT_EQ(Refusal(), c.argument) << c.entry;
+    }
   }
 }
 

@@ -166,7 +166,8 @@ std::string Refusal();
 constexpr const char* kNone = "(none)";
 
 // One row of a table of refusals: the call, the status it must return and the
-// argument its refusal must name.
+// argument its refusal must name (null where only the status can be seen, as
+// through the remote protocol).
 struct RefusalCase {
   const char* entry;
   std::function<KT_STATUS()> call;
