@@ -3,6 +3,14 @@
 #include <cstring>
 #include <new>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/asan_interface.h>
+#endif
+#endif
+
 namespace MetricsFramework {
 namespace testing_fakes {
 
@@ -94,25 +102,55 @@ KT_STATUS RecordingProbe::OnChangeStateCommandList(void* a, void* b, Metrics::Co
   return Note(RecordingClientManager::Call("Command", a, b, static_cast<unsigned int>(s)));
 }
 
+namespace {
+
+constexpr std::size_t kGuard = 8;
+
+void Guard(std::vector<char>& record, bool on) {
+  char* guard = record.data() + record.size() - kGuard;
+#if defined(__SANITIZE_ADDRESS__)
+  on ? ASAN_POISON_MEMORY_REGION(guard, kGuard) : ASAN_UNPOISON_MEMORY_REGION(guard, kGuard);
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+  on ? ASAN_POISON_MEMORY_REGION(guard, kGuard) : ASAN_UNPOISON_MEMORY_REGION(guard, kGuard);
+#endif
+#endif
+  (void)guard, (void)on;
+}
+
+}  // namespace
+
 HostBuffer::HostBuffer(const std::string& record) {
-  if (!record.empty()) records.emplace_back(record.begin(), record.end());
+  if (record.empty()) return;
+  void* block = Reserve(record.size());
+  std::memcpy(block, record.data(), record.size());
+  Commit(block);
+  reserved.clear();
+}
+
+HostBuffer::~HostBuffer() {
+  for (auto& record : records) Guard(record, false);
 }
 
 void HostBuffer::GetData(const void** data, unsigned long* size) const {
-  *data = records.empty() ? nullptr : records.front().data();
-  if (size != nullptr) *size = records.empty() ? 0 : records.front().size();
+  const bool none = records.empty() || nullData;
+  *data = none ? nullptr : records.front().data();
+  if (size == nullptr) return;
+  *size = nullData ? claimed : records.empty() ? 0 : records.front().size() - kGuard;
 }
 
 void HostBuffer::MakeAvailable(const void*) const {
   ++releases;
-  if (!records.empty()) records.pop_front();
+  if (records.empty()) return;
+  Guard(records.front(), false);
+  records.pop_front();
 }
 
 void* HostBuffer::Reserve(unsigned long size) {
   reserved.push_back(size);
   if (failReserve) throw std::bad_alloc();
   if (refuse) return nullptr;
-  pending.emplace_back(size, '\0');
+  pending.emplace_back(size + kGuard, static_cast<char>(0xEE));
   return pending.back().data();
 }
 
@@ -120,11 +158,12 @@ void HostBuffer::Commit(void*) {
   if (pending.empty()) return;
   records.push_back(std::move(pending.front()));
   pending.pop_front();
+  Guard(records.back(), true);
 }
 
 std::vector<std::string> HostBuffer::Records() const {
   std::vector<std::string> texts;
-  for (const auto& r : records) texts.emplace_back(r.begin(), r.end());
+  for (const auto& r : records) texts.emplace_back(r.begin(), r.end() - kGuard);
   return texts;
 }
 

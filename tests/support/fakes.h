@@ -152,14 +152,19 @@ class RecordingProbe : public Metrics::IProbe {
   std::vector<std::string> calls;
 };
 
-// A buffer of its own class: each record is a separate exact-size block, so
-// that a reader running past one is caught by the address sanitizer. Commit
-// queues the oldest reservation; GetData shows the oldest record and
-// MakeAvailable drops it. `refuse` makes Reserve answer null, `failReserve`
-// makes it throw as an exhausted allocator does.
+// A buffer of its own class. Each committed record is followed by 8 guard
+// bytes of 0xEE, poisoned under the address sanitizer: a reader that runs past
+// a record sees 0xEE or is stopped. Commit queues the oldest reservation;
+// GetData shows the oldest record and MakeAvailable drops it. `refuse` makes
+// Reserve answer null, `failReserve` makes it throw as an exhausted allocator
+// does; ClaimNullData makes GetData answer null data of `size` bytes.
 class HostBuffer : public IReadWriteBuffer {
  public:
   explicit HostBuffer(const std::string& record = "");
+  ~HostBuffer() override;
+  HostBuffer(const HostBuffer&) = delete;
+  HostBuffer& operator=(const HostBuffer&) = delete;
+  void ClaimNullData(unsigned long size) { nullData = true, claimed = size; }
   void GetData(const void** data, unsigned long* size) const override;
   void MakeAvailable(const void*) const override;
   void Flush() override { ++flushes; }
@@ -171,6 +176,8 @@ class HostBuffer : public IReadWriteBuffer {
 
   bool refuse = false;
   bool failReserve = false;
+  bool nullData = false;
+  unsigned long claimed = 0;
   int flushes = 0;
   mutable int releases = 0;
   std::vector<unsigned long> reserved;
