@@ -24,7 +24,7 @@ KT_STATUS FakeManager::PushDataToConsumers(unsigned long conduit, unsigned long 
   data->GetData(&sample, &size);
   const char* bytes = static_cast<const char*>(sample);
   pushes.push_back({conduit, binding, bytes != nullptr ? std::string(bytes, size) : ""});
-  if (sample != nullptr) data->MakeAvailable(sample);
+  if (drain && sample != nullptr) data->MakeAvailable(sample);
   return KT_STATUS_SUCCESS;
 }
 

@@ -26,7 +26,7 @@ namespace testing_fakes {
 
 // The extension manager's routing and nothing else: it owns a Registry. A push
 // goes to the conduit state filed under the conduit's handle (with `route`),
-// or is recorded and released. A dispatch is recorded and answered with
+// or is recorded and (with `drain`) released. A dispatch is recorded and answered with
 // `dispatchStatus`. Every other entry does nothing.
 class FakeManager : public IRegistryManager {
  public:
@@ -67,6 +67,7 @@ class FakeManager : public IRegistryManager {
 
   Registry registry;
   bool route = false;
+  bool drain = true;
   std::vector<Push> pushes;
   unsigned long dispatched = 0;
   KT_STATUS dispatchStatus = KT_STATUS_SUCCESS;
