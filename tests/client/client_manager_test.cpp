@@ -99,22 +99,6 @@ TEST_F(ClientManagerTest, ProxyIsFoundOnlyForAProcessMountedUnderPeers) {
   EXPECT_EQ(found, &far);
 }
 
-TEST_F(ClientManagerTest, PeersNodeThatIsNoPeerMountAnswersForNothing) {
-  Registry elsewhere;
-  const unsigned long key = static_cast<unsigned long>(elsewhere.GetLocalGuid()) << 32;
-  Path* node =
-      registry().GetChild("peers", kPathCreate)->GetChild(key, kPathCreate | kPathNoHandleEntry);
-  new PathData(node);
-  node->GetPayload()->m_type = RESOURCE_TYPE_PEER;  // the kind word alone proves nothing
-  MountPeer(registry().GetLocalGuid(), NewPeer(nullptr));
-  IClientManager* found = nullptr;
-
-  EXPECT_EQ(client->GetProxyForComponent(key | 5, &found), kObject);
-  EXPECT_EQ(client->GetProxyForComponent(publisherNode->GetHandle(), &found), kObject)
-      << "a mount without a client manager";
-  EXPECT_EQ(found, nullptr);
-}
-
 // Left filed, the nodes would outlive the objects they hold: the conduit
 // state would give buffers back to a conduit that is gone.
 TEST_F(ClientManagerTest, DestructorHandsItsExtensionsBackAndDeletesTheirNodes) {

@@ -80,22 +80,6 @@ TEST_F(EnumerationTest, EveryCallAppendsToTheListingAndNeverListsTheFrameworkSta
   EXPECT_EQ(Handles(listing), (std::vector<unsigned long>{a, a}));
 }
 
-// A metric whose description cannot be fetched is listed all the same, with
-// the default description.
-TEST_F(EnumerationTest, NodeOfTheProbeMetricKindWithoutAMetricStateIsListedWithTheDefault) {
-  Path* impostor = publisherNode->GetChildNamed("impostor", kPathCreate);
-  impostor->GetPayload()->m_type = RESOURCE_TYPE_PROBE_METRIC;
-  Listing listing;
-
-  ASSERT_EQ(client->GetMetrics(publisherNode->GetHandle(), listing, nullptr, nullptr),
-            KT_STATUS_SUCCESS);
-
-  ASSERT_EQ(listing.size(), 1u);
-  EXPECT_EQ(listing[0].first, impostor->GetHandle());
-  EXPECT_EQ(listing[0].second.uri, "");
-  EXPECT_EQ(listing[0].second.word4, 0xFFFFFFFFu);
-}
-
 // Only once it has a child does the publisher contribute anything.
 TEST_F(EnumerationTest, PublisherContributesItsGroupOrderInFrontAndItsNewSetNames) {
   publisherState->PublishGroupOrder({"g1", "g2"});

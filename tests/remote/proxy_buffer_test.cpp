@@ -86,17 +86,6 @@ TEST(ProxyBufferRequest, PayloadOfNullDataIsSentAsZeroesAndAnUnsizablePayloadNot
   EXPECT_EQ(dropped.GetOp(), 0u);
 }
 
-TEST(ProxyBufferRequest, MemberDecodersReadTheirOwnRequests) {
-  unsigned long a = 0, b = 0, c = 0;
-  const char* text = nullptr;
-  ProxyBuffer subscribe(6, 14, 15, 16), path(1, 17, "x/y");
-
-  ASSERT_TRUE(subscribe.Read(a, b, c));
-  EXPECT_EQ(std::make_tuple(subscribe.GetOp(), a, b, c), std::make_tuple(6u, 14ul, 15ul, 16ul));
-  ASSERT_TRUE(path.Read(a, &text));
-  EXPECT_EQ(std::make_tuple(a, std::string(text)), std::make_tuple(17ul, std::string("x/y")));
-}
-
 // ---- Reply records ---------------------------------------------------------
 
 // A write that cannot be reserved writes nothing.
@@ -218,18 +207,6 @@ TEST(ProxyBufferDecode, TextWithoutNulInsideItsRecordReadsAsEmpty) {
   EXPECT_EQ(std::make_tuple(b, std::string(bareText)), std::make_tuple(0ul, std::string()));
 }
 
-TEST(ProxyBufferDecode, StaticFormsWorkOverAPlainQueueBuffer) {
-  QueueBuffer buffer(0, nullptr, 0, 0, 0);
-  unsigned long words[2] = {0x1111, 0x2222};
-  unsigned long a = 0, b = 0;
-
-  ProxyBuffer::Write(&buffer, 3, words, sizeof words);
-
-  EXPECT_EQ(ProxyBuffer::GetOp(&buffer), 3u);
-  ASSERT_TRUE(ProxyBuffer::Read(&buffer, a, b));
-  EXPECT_EQ(std::make_tuple(a, b & 0xFFFFFFFF), std::make_tuple(0x1111ul, 0x2222ul));
-}
-
 // ---- Descriptor blob ---------------------------------------------------------
 
 Metric::Description Filled() {
@@ -278,17 +255,6 @@ TEST(DescriptorBlob, EveryFieldSurvivesTheRoundTrip) {
 
   EXPECT_EQ(blob.size(), 62u + (3 + 2 + 5 + 0 + 3 + 6 + 5) + 4 * 3);
   EXPECT_TRUE(Fields(out) == Fields(Filled()));
-}
-
-TEST(DescriptorBlob, DecodingAppendsListsAndReplacesStringsAndScalars) {
-  Metric::Description out;
-  out.list1 = {1}, out.setIds = {2}, out.uri = "a much longer old name", out.id = 3;
-
-  ASSERT_TRUE(Decode(EncodeDescription(Filled()), &out));
-
-  EXPECT_EQ(out.list1, (std::vector<unsigned int>{1, 0x03030303, 0x04040404}));
-  EXPECT_EQ(out.setIds, (std::vector<unsigned int>{2, 0x06060606}));
-  EXPECT_EQ(std::make_tuple(out.uri, out.id), std::make_tuple(std::string("uri"), 0x01010101u));
 }
 
 TEST(DescriptorBlob, TruncatedOrForgedBlobFailsWithoutReadingPastIt) {

@@ -435,35 +435,5 @@ TEST_F(RemoteAccessTest, CallsNestedIntoTheCommandMethodStopAtABoundedDepth) {
 // ---------------------------------------------------------------------------
 // The method's own faces.
 
-TEST_F(RemoteAccessTest, MethodDescribesItselfAsCommandAndAnswersItsNames) {
-  RemoteMethodDesc desc;
-  desc.m_name[0] = 'x';
-  desc.m_inputCount = 3;
-  desc.m_outputCount = 4;
-  command.GetRemoteMethodDesc(desc);
-  EXPECT_STREQ(desc.m_name, "command");
-  EXPECT_EQ(desc.m_inputCount, 0u);
-  EXPECT_EQ(desc.m_outputCount, 0u);
-
-  std::unique_ptr<IKTExtensionBase> made(ClientCommandMethod::Create());
-  auto* method = static_cast<ClientCommandMethod*>(made->CastTo("ClientCommandMethod"));
-  ASSERT_NE(method, nullptr);
-  EXPECT_EQ(dynamic_cast<IKTExtensionBase*>(method), made.get());
-  EXPECT_EQ(made->CastTo("IRemoteMethod"), static_cast<void*>(static_cast<IRemoteMethod*>(method)));
-  EXPECT_EQ(method->CastTo("IKTExtensionBase"), static_cast<void*>(made.get()));
-  EXPECT_EQ(method->CastTo("IConduit"), nullptr);
-  EXPECT_EQ(method->CastTo(nullptr), nullptr);
-  ProxyBuffer reply;
-  EXPECT_FALSE(method->Run(&reply, &reply)) << "without a client manager nothing is served";
-}
-
-TEST_F(RemoteAccessTest, LocalPeersAreFoundOnlyFromTheRoot) {
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), aRoot), aPeers);
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), metric), 0u);
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), 0), 0u);
-  delete a.GetRegistry().GetChild("peers", 0);
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), aRoot), 0u);
-}
-
 }  // namespace
 }  // namespace MetricsFramework

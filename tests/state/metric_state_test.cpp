@@ -38,26 +38,6 @@ class MetricStateTest : public ::testing::Test {
   Registry registry;
 };
 
-TEST_F(MetricStateTest, DescriptionReadsBackWholeAndAvailable) {
-  const Metric::Description given = FullDescription("m");
-
-  MetricState* state = Make(given);
-  const Metric::Description back = *state;
-
-  EXPECT_EQ(back.flags, given.flags | Metric::kFlagAvailable);
-  EXPECT_EQ(back.id, given.id);
-  EXPECT_EQ(back.list1, given.list1);
-  EXPECT_EQ(back.uri, "m");
-  EXPECT_EQ(back.text5, given.text5);
-  EXPECT_EQ(back.text6, given.text6);
-  EXPECT_EQ(back.block[1], given.block[1]);
-  EXPECT_EQ(back.byte3, given.byte3);
-  EXPECT_EQ(back.word5, given.word5);
-  EXPECT_EQ(state->m_type, RESOURCE_TYPE_METRIC);
-  EXPECT_EQ(Make(FullDescription("probe", Metric::kFlagProbe))->m_type,
-            RESOURCE_TYPE_PROBE_METRIC);
-}
-
 TEST_F(MetricStateTest, BoundBitStaysUntilTheLastBindingGoes) {
   MetricState* state = Make(FullDescription("m"));
   Path* first = Conduit("a");

@@ -120,16 +120,6 @@ TEST_F(PublisherStateTest, TimeBasedMetricsAreListedInPublishOrder) {
   EXPECT_EQ(state->GetTimeBasedMetrics(), (std::vector<unsigned long>{b, c}));
 }
 
-TEST_F(PublisherStateTest, GroupOrderAndSetNamesAreReplacedWhole) {
-  state->PublishGroupOrder({"x", "y"});
-  state->PublishGroupOrder({"z"});
-  state->PublishSetNames({{1, "one"}, {2, "two"}});
-  state->PublishSetNames({{3, "three"}});
-
-  EXPECT_EQ(state->GetGroupOrder(), std::vector<std::string>{"z"});
-  EXPECT_EQ(state->GetSetNames(), (std::vector<std::pair<unsigned int, std::string>>{{3, "three"}}));
-}
-
 TEST_F(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAllBound) {
   const unsigned long a = Publish("a", {1, 2});
   const unsigned long shares = Publish("b", {2});

@@ -80,16 +80,6 @@ TEST_F(LocalConduitTest, ReturnedBufferIsReusedLastEmptyAndBoundToItsNewBinding)
   EXPECT_EQ(manager.pushes[1].conduit, kConduitHandle);
 }
 
-TEST_F(LocalConduitTest, TransactReturnsExactlyTheDispatcherStatus) {
-  manager.dispatchStatus = 0x12345;
-  QueueBuffer request(0, nullptr, 0, 0, 0), reply(0, nullptr, 0, 0, 0);
-  EXPECT_EQ(conduit.Transact(77, &request, &reply), 0x12345u);
-  EXPECT_EQ(manager.dispatched, 77u);
-
-  LocalConduit unloaded;
-  EXPECT_EQ(unloaded.Transact(77, &request, &reply), KT_STATUS_INVALID_OPERATION);
-}
-
 TEST_F(LocalConduitTest, ConcurrentCreateAndDestroyKeepEveryBufferOnce) {
   std::atomic<int> ready{0};
   auto churn = [&] {

@@ -136,19 +136,6 @@ TEST_F(QueueBufferTest, LastReleaseRewindsAnArenaAndDropsItWhenOthersRemain) {
   EXPECT_EQ(buffer->Reserve(8), second);
 }
 
-TEST_F(QueueBufferTest, ReleaseBehindTheFrontKeepsTheOthersQueuedAndTheArenaUnwound) {
-  auto buffer = Make(1024);
-  void* a = Write(*buffer, "a");
-  void* b = Write(*buffer, "bb");
-  Write(*buffer, "ccc");
-
-  buffer->MakeAvailable(b);
-  EXPECT_EQ(Take(*buffer), "a");
-  EXPECT_NE(buffer->Reserve(1), a) << "one block is still live: no rewind yet";
-  EXPECT_EQ(Take(*buffer), "ccc");
-  EXPECT_EQ(Oldest(*buffer), nullptr);
-}
-
 // More blocks than the rings first hold, queued while the ring has wrapped
 // and while arenas are added; one is committed again from the middle.
 TEST_F(QueueBufferTest, DeepQueueSurvivesRingAndArenaGrowthInCommitOrder) {
