@@ -237,31 +237,68 @@ class RecordingLogger : public ILogger {
 // `handle`, `count`, `info` and `description` to the matching out-parameter.
 class RecordingClientManager : public IClientManager {
  public:
-  KT_STATUS GetPath(unsigned long root, const char* name, unsigned long* out) const override;
-  KT_STATUS GetChildCount(unsigned long parent, unsigned int* out) const override;
-  KT_STATUS GetChildren(unsigned long parent, unsigned long* out, unsigned int n) const override;
-  KT_STATUS GetMetrics(unsigned long h, std::vector<std::pair<unsigned long, Metric::Description>>&,
-                       std::vector<std::string>*,
-                       std::map<unsigned int, std::string>*) const override;
-  KT_STATUS GetResourceInfo(unsigned long h, ResourceInfo* out) const override;
-  KT_STATUS GetMetricDescriptor(unsigned long metric, Metric::Description* out) const override;
-  KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) override;
-  KT_STATUS UnsubscribeMetric(unsigned long consumer, unsigned long metric) override;
+  using Listing = std::vector<std::pair<unsigned long, Metric::Description>>;
+  using Listener = IClientManagerErrorListener;
+  KT_STATUS GetPath(unsigned long root, const char* name, unsigned long* out) const override {
+    Record("GetPath", root, std::string(name != nullptr ? name : "(null)"), out);
+    return Answer(out, handle);
+  }
+  KT_STATUS GetChildCount(unsigned long parent, unsigned int* out) const override {
+    Record("GetChildCount", parent, out);
+    return Answer(out, count);
+  }
+  KT_STATUS GetChildren(unsigned long parent, unsigned long* out, unsigned int n) const override {
+    return Record("GetChildren", parent, out, n);
+  }
+  KT_STATUS GetMetrics(unsigned long h, Listing&, std::vector<std::string>*,
+                       std::map<unsigned int, std::string>*) const override {
+    return Record("GetMetrics", h);
+  }
+  KT_STATUS GetResourceInfo(unsigned long h, ResourceInfo* out) const override {
+    Record("GetResourceInfo", h, out);
+    return Answer(out, info);
+  }
+  KT_STATUS GetMetricDescriptor(unsigned long metric, Metric::Description* out) const override {
+    Record("GetMetricDescriptor", metric, out);
+    return Answer(out, description);
+  }
+  KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) override {
+    return Record("SubscribeMetric", consumer, metric), subscribeStatus;
+  }
+  KT_STATUS UnsubscribeMetric(unsigned long consumer, unsigned long metric) override {
+    return Record("UnsubscribeMetric", consumer, metric);
+  }
   KT_STATUS SubscribeMetrics(unsigned long consumer, const unsigned long* metrics, unsigned int n,
-                             IClientManagerErrorListener*) override;
+                             Listener*) override {
+    return Record("SubscribeMetrics", consumer, metrics, n);
+  }
   KT_STATUS UnsubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
-                               unsigned int n, IClientManagerErrorListener*) override;
-  KT_STATUS FlushMetrics(unsigned long consumer) override;
+                               unsigned int n, Listener*) override {
+    return Record("UnsubscribeMetrics", consumer, metrics, n);
+  }
+  KT_STATUS FlushMetrics(unsigned long consumer) override {
+    return Record("FlushMetrics", consumer);
+  }
   KT_STATUS CallRemoteMethodSync(unsigned long method, const IReadBuffer* args,
-                                 IWriteBuffer* returns) override;
-  KT_STATUS CreateProbe(unsigned long type, void* query, unsigned long* out) override;
-  KT_STATUS DestroyProbe(unsigned long site) override;
+                                 IWriteBuffer* returns) override {
+    return Record("CallRemoteMethodSync", method, args, returns);
+  }
+  KT_STATUS CreateProbe(unsigned long type, void* query, unsigned long* out) override {
+    return Record("CreateProbe", type, query, out);
+  }
+  KT_STATUS DestroyProbe(unsigned long site) override { return Record("DestroyProbe", site); }
   KT_STATUS BeginProbe(unsigned long, unsigned long, unsigned long, Metrics::EventType,
-                       void*) const override;
-  KT_STATUS EndProbe(unsigned long, unsigned long, Metrics::EventType, void*) const override;
-  KT_STATUS HandleProbe(unsigned long) const override;
+                       void*) const override {
+    return Record("BeginProbe");
+  }
+  KT_STATUS EndProbe(unsigned long, unsigned long, Metrics::EventType, void*) const override {
+    return Record("EndProbe");
+  }
+  KT_STATUS HandleProbe(unsigned long) const override { return Record("HandleProbe"); }
   KT_STATUS OnChangeStateCommandList(unsigned long, void*, void*,
-                                     Metrics::CommandListState) const override;
+                                     Metrics::CommandListState) const override {
+    return Record("OnChangeStateCommandList");
+  }
 
   // "Operation arg arg ..." as Record writes it.
   template <typename... Args>
