@@ -103,11 +103,15 @@ TEST_F(SubscriptionTest, SubscribedConsumersReceiveEachSampleOnceUntilUnsubscrib
   ASSERT_EQ(live.client->UnsubscribeMetric(k, metric), KT_STATUS_SUCCESS);
   EXPECT_EQ(publisher.unbinds, 1);
   EXPECT_EQ(publisher.WritersOf(metric).size(), 1u) << "the publisher no longer writes there";
-  // The conduit subscription outlives the metric subscriptions.
+  // The conduit subscription outlives the metric subscriptions, and the
+  // metric can be subscribed afresh.
   const unsigned long other = Publish("other", 7);
   ASSERT_EQ(live.client->SubscribeMetric(k, other), KT_STATUS_SUCCESS);
   Write(other, "three");
   EXPECT_EQ(Call(consumer, 2), Strings{Sample(other, 7, "three")});
+  ASSERT_EQ(live.client->SubscribeMetric(k, metric), KT_STATUS_SUCCESS);
+  Write(metric, "four");
+  EXPECT_EQ(Call(consumer, 3), Strings{Sample(metric, 42, "four")});
 }
 
 TEST_F(SubscriptionTest, RemoteRequestBindsWithoutSubscribingTheConsumer) {

@@ -304,7 +304,9 @@ class RecordingClientManager : public IClientManager {
   template <typename... Args>
   static std::string Call(const char* operation, const Args&... args) {
     std::string line = operation;
-    (void)((line += " " + Text(args)), ...);
+    for (const std::string& arg : {std::string(), Text(args)...}) {
+      if (!arg.empty()) line += " " + arg;
+    }
     return line;
   }
 
