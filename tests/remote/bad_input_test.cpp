@@ -54,6 +54,7 @@ class RemoteBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("ClientCommandMethod", &host.command), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
+    EXPECT_EQ(host.Add("echo", &echo), KT_STATUS_SUCCESS);
     metric = host.Publish(&publisher, Describe("m"));
     transport = host.client->GetConduitHandle(0, 0);
     proxy = std::make_unique<ClientManagerProxy>(1, 2, "peer", host.client.get(), transport,
@@ -71,6 +72,7 @@ class RemoteBadInputTest : public ::testing::Test {
 
   CountingPublisher publisher;
   RecordingConsumer consumer;
+  RecordingMethod echo;
   LiveManager host;
   unsigned long metric = 0, transport = 0;
   std::unique_ptr<ClientManagerProxy> proxy;
@@ -157,6 +159,8 @@ TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownReques
       {"Flush truncated", Op(kOpFlushMetrics), false, kArgument},
       {"Call truncated", Op(kOpCallRemoteMethod), false, kNoReply},
       {"Call payload past the record", op9 + Bytes(64ul) + "abc", false, kNoReply},
+      {"Call payload running 7 bytes past the record",
+       Op(kOpCallRemoteMethod) + Bytes(echo.GetHandle()) + Bytes(10ul) + "abc", false, kNoReply},
       {"Call payload of 2^63 bytes", op9 + Bytes(1ul << 63), false, kNoReply},
   };
   for (const Request& r : requests) {
@@ -164,6 +168,7 @@ TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownReques
     EXPECT_EQ(answer.first, r.ran) << r.what;
     EXPECT_EQ(answer.second, r.reply) << r.what;
   }
+  EXPECT_EQ(echo.runs, 0);
   ProxyBuffer reply;
   Record request(Op(kOpGetChildCount));
   LoadedCommandMethod unloaded;
