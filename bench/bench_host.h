@@ -10,111 +10,26 @@
 #ifndef KT_BENCH_BENCH_HOST_H_
 #define KT_BENCH_BENCH_HOST_H_
 
-#include <cstring>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "client/default_client_manager.h"
 #include "host/default_extension_manager.h"
-#include "kt/consumer.h"
-#include "kt/metric.h"
-#include "kt/publisher.h"
+#include "support/fakes.h"
 
 namespace kt_bench {
 
 using namespace MetricsFramework;
 
-// Files extensions with the manager under the name it was given.
-class BenchLoader : public IExtensionLoader {
- public:
-  KT_STATUS LoadModule(const char*) override { return KT_STATUS_SUCCESS; }
-  KT_STATUS UnloadModule(const char*) override { return KT_STATUS_SUCCESS; }
-  unsigned int GetModuleCount() override { return 0; }
-  const ExtensionBinaryDesc* GetModule(unsigned int) override { return nullptr; }
-  IExtension* FindExtension(const char*) override { return nullptr; }
-  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
-                         const ExtensionBinaryDesc*) override {
-    names[extension] = name;
-    return manager->Add(ExtensionBinaryDesc{}, name, extension, this);
-  }
-  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
-    const std::string name = names[extension];
-    names.erase(extension);
-    return manager->Remove(ExtensionBinaryDesc{}, name.c_str(), extension, this);
-  }
-  IExtensionManager* manager = nullptr;
-  std::map<IKTExtensionBase*, std::string> names;
+using BenchPublisher = testing_fakes::CountingPublisher;
+
+// The consumers count and sum what they receive, keeping no copies.
+struct CountingConsumer : testing_fakes::RecordingConsumer {
+  CountingConsumer() { keep = false; }
 };
-
-// One binding of a metric to one conduit's buffer.
-class BenchBound : public IBoundMetric {
- public:
-  explicit BenchBound(unsigned long metric) : metric(metric) {}
-  void AttachBuffer(unsigned long, IWriteBuffer* writer) override { buffer = writer; }
-  void DetachBuffer(unsigned long) override { buffer = nullptr; }
-  unsigned long GetMetricHandle() override { return metric; }
-  bool IsAttached(unsigned long) override { return buffer != nullptr; }
-  void Flush(unsigned long) override {}
-  unsigned long metric;
-  IWriteBuffer* buffer = nullptr;
-};
-
-class BenchPublisher : public IPublisher {
- public:
-  IBoundMetric* BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
-                           IBoundMetric**) override {
-    bounds.push_back(std::make_unique<BenchBound>(metric));
-    return bounds.back().get();
-  }
-  void UnbindMetric(unsigned long, IBoundMetric* bound) override {
-    for (auto it = bounds.begin(); it != bounds.end(); ++it) {
-      if (it->get() != bound) continue;
-      bounds.erase(it);
-      return;
-    }
-  }
-  void OnLoad() override {}
-  void OnUnload() override { bounds.clear(); }
-
-  // The write sides `metric` is bound to, one per subscribed conduit.
-  std::vector<IWriteBuffer*> WritersOf(unsigned long metric) const {
-    std::vector<IWriteBuffer*> writers;
-    for (const auto& bound : bounds) {
-      if (bound->metric == metric && bound->buffer != nullptr) writers.push_back(bound->buffer);
-    }
-    return writers;
-  }
-
-  std::vector<std::unique_ptr<BenchBound>> bounds;
-};
-
-// Counts samples and reads the first byte of each, so that the call is not
-// empty.
-class CountingConsumer : public IConsumer {
- public:
-  void OnMetricUpdated(unsigned int count, unsigned long*, const unsigned long*,
-                       const void** data, unsigned long*) override {
-    samples += count;
-    for (unsigned int i = 0; i < count; ++i) checksum += *static_cast<const unsigned char*>(data[i]);
-  }
-  unsigned long samples = 0;
-  unsigned long checksum = 0;
-};
-
-class BatchedConsumer : public IConsumer2 {
- public:
-  void OnMetricUpdated(unsigned int count, unsigned long*, const unsigned long*, const void**,
-                       unsigned long*) override {
-    samples += count;
-  }
-  void OnBatchMetricUpdated(unsigned long, unsigned long, const void* data) override {
-    ++samples;
-    checksum += *static_cast<const unsigned char*>(data);
-  }
-  unsigned long samples = 0;
-  unsigned long checksum = 0;
+struct BatchedConsumer : testing_fakes::BatchedConsumer {
+  BatchedConsumer() { keep = false; }
 };
 
 // A manager, its client manager and the extensions filed with them.
@@ -142,7 +57,7 @@ class BenchHost {
 
   DefaultExtensionManager* manager;
   DefaultClientManager* client;
-  BenchLoader loader;
+  testing_fakes::HostLoader loader;
 
  private:
   std::vector<std::pair<std::string, IExtension*>> m_added;

@@ -156,8 +156,8 @@ struct SampleRig {
   }
   unsigned long Delivered() const {
     unsigned long total = 0;
-    for (const auto& c : consumers) total += c->samples;
-    for (const auto& c : batchedConsumers) total += c->samples;
+    for (const auto& c : consumers) total += c->received;
+    for (const auto& c : batchedConsumers) total += c->received;
     return total;
   }
 
@@ -228,7 +228,7 @@ void BM_SamplePathGroupOf3(benchmark::State& state) {
   };
   for (auto _ : state) step();
   state.SetItemsProcessed(state.iterations());
-  if (consumer.samples != static_cast<unsigned long>(state.iterations()) * 3) state.SkipWithError("group samples lost");
+  if (consumer.received != static_cast<unsigned long>(state.iterations()) * 3) state.SkipWithError("group samples lost");
   CountAllocations(state, step);
 }
 BENCHMARK(BM_SamplePathGroupOf3)->Arg(64);

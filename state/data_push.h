@@ -96,7 +96,6 @@ class DataPush {
   void PushTimeBased(unsigned long metric, const void* data);
 
  private:
-  friend class DataPushInspector;  // tests read the tables
 
   template <typename Members>
   using ByGroup = std::unordered_map<unsigned long, std::unordered_map<unsigned int, Members>>;

@@ -9,20 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "state/state_fakes.h"
-#include "support/live_manager.h"
-#include "transport/queue_buffer.h"
+#include "state/probe_type_state.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {
 
 using namespace testing_fakes;
-
-class CountingListener : public IClientManagerErrorListener {
- public:
-  void OnError(unsigned long, unsigned int) override { ++errors; }
-  int errors = 0;
-};
 
 // A publisher "pub" with the metric "m", a consumer "con", and a foreign
 // registry with a metric of its own.
@@ -32,13 +25,13 @@ class ClientManagerBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
     EXPECT_EQ(foreign.Add("pub", &foreignPublisher), KT_STATUS_SUCCESS);
-    metric = Published(host.manager, &publisher, "m");
-    foreignMetric = Published(foreign.manager, &foreignPublisher, "m");
+    metric = host.Publish(&publisher, Describe("m"));
+    foreignMetric = foreign.Publish(&foreignPublisher, Describe("m"));
     con = consumer.GetHandle();
     unknown = host.UnknownHandle();
   }
 
-  FakePublisher publisher, foreignPublisher;
+  CountingPublisher publisher, foreignPublisher;
   RecordingConsumer consumer;
   LiveManager host, foreign;
   DefaultClientManager& c;
@@ -60,6 +53,7 @@ TEST_F(ClientManagerBadInputTest, NamespaceQueriesRefuseNullOutputsAndBadHandles
       REFUSAL(c.GetPath(foreignMetric, "m", &out), kObject, "root"),
       REFUSAL(c.GetPath(metric, "m", &out), KT_STATUS_DOES_NOT_EXIST, "root"),
       REFUSAL(c.GetPath(0, longPath.c_str(), &out), KT_STATUS_DOES_NOT_EXIST, "root"),
+      REFUSAL(c.GetPath(0, "publishers/pub/missing", &out), KT_STATUS_DOES_NOT_EXIST, "root"),
       REFUSAL(c.GetChildCount(0, nullptr), kArgument, "out_count"),
       REFUSAL(c.GetChildCount(unknown, &count), kObject, "parent"),
       REFUSAL(c.GetChildCount(foreignMetric, &count), kObject, "parent"),
@@ -85,7 +79,7 @@ TEST_F(ClientManagerBadInputTest, NamespaceQueriesRefuseNullOutputsAndBadHandles
 
 TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
   const unsigned long batch[] = {metric, unknown, foreignMetric};
-  CountingListener listener;
+  RecordingErrorListener listener;
   ExpectRefusals({
       REFUSAL(c.SubscribeMetric(con, 0), kArgument, "metric"),
       REFUSAL(c.SubscribeMetric(unknown, metric), kObject, "conduit"),
@@ -108,11 +102,38 @@ TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
       REFUSAL(c.FlushMetrics(metric), kObject, "consumer"),
       REFUSAL(c.FlushMetrics(foreignMetric), kObject, "consumer"),
   });
-  EXPECT_EQ(listener.errors, 2);  // the unknown and the foreign metric
+  EXPECT_EQ(listener.errors.size(), 2u);  // the unknown and the foreign metric
+}
+
+// The private twins (consumer, conduit, metric, full) check their arguments in
+// this order.
+TEST_F(ClientManagerBadInputTest, SubscriptionTwinsRefuseInCheckOrder) {
+  const unsigned long conduit = c.GetConduitHandle(con, metric);
+  const unsigned long pub = publisher.GetHandle();
+  ExpectRefusals({
+      REFUSAL(c.__SubscribeMetric(0, 0, 0, true), kArgument, "metric"),
+      REFUSAL(c.__SubscribeMetric(0, unknown, metric, true), kObject, "conduit"),
+      REFUSAL(c.__SubscribeMetric(con, con, metric, true), kObject, "conduit"),
+      REFUSAL(c.__SubscribeMetric(0, conduit, metric, false), kArgument, "consumer"),
+      REFUSAL(c.__SubscribeMetric(pub, conduit, metric, true), kObject, "0"),
+      REFUSAL(c.__SubscribeMetric(con, conduit, unknown, true), kObject, "metric"),
+      REFUSAL(c.__UnsubscribeMetric(0, 0, 0, true), kArgument, "metric"),
+      REFUSAL(c.__UnsubscribeMetric(0, unknown, metric, true), kObject, "conduit"),
+      REFUSAL(c.__UnsubscribeMetric(0, conduit, metric, true), kArgument, "consumer"),
+      REFUSAL(c.__UnsubscribeMetric(unknown, conduit, metric, true), kObject, "consumer"),
+      REFUSAL(c.__UnsubscribeMetric(0, conduit, metric, false), KT_STATUS_DOES_NOT_EXIST, "metric"),
+      REFUSAL(c.__FlushMetrics(0), kArgument, "conduit"),
+      REFUSAL(c.__FlushMetrics(con), kObject, "conduit"),
+      REFUSAL(c.__FlushMetrics(conduit), kObject, "path"),
+  });
 }
 
 TEST_F(ClientManagerBadInputTest, RemoteCallsAndProbesRefuseBadHandlesAndNullBuffers) {
-  QueueBuffer args(0, nullptr, 0, 0, 0), returns(0, nullptr, 0, 0, 0);
+  HostBuffer args, returns;
+  Path* orphan = host.registry().GetChild("orphan", kPathCreate);
+  new ProbeTypeState(nullptr, orphan);
+  const unsigned long plain = host.registry().GetChild("plain", kPathCreate)->GetHandle();
+  const unsigned long pub = publisher.GetHandle();
   ExpectRefusals({
       REFUSAL(c.CallRemoteMethodSync(unknown, nullptr, &returns), kArgument, "args"),
       REFUSAL(c.CallRemoteMethodSync(unknown, &args, nullptr), kArgument, "returns"),
@@ -121,10 +142,15 @@ TEST_F(ClientManagerBadInputTest, RemoteCallsAndProbesRefuseBadHandlesAndNullBuf
       REFUSAL(c.CallRemoteMethodSync(con, &args, &returns), kObject, "remotePath"),
       REFUSAL(c.CallRemoteMethodSync(foreignMetric, &args, &returns), kObject, "remotePath"),
       REFUSAL(c.CallRemoteMethodSync(unknown, metric, &args, &returns), kArgument, "conduit"),
+      REFUSAL(c.CallRemoteMethodSync(unknown, metric, nullptr, &returns), kArgument, "args"),
+      REFUSAL(c.CallRemoteMethodSync(pub, metric, &args, &returns), kArgument, "conduit"),
+      REFUSAL(c.__CallRemoteMethodSync(0, metric, &args, &returns, true), kArgument, "conduit"),
       REFUSAL(c.CreateProbe(metric, nullptr, nullptr), kArgument, "out_site"),
       REFUSAL(c.CreateProbe(unknown, nullptr, &out), kArgument, "query"),
       REFUSAL(c.CreateProbe(metric, nullptr, &out), kObject, "qpub"),
       REFUSAL(c.CreateProbe(foreignMetric, nullptr, &out), kArgument, "query"),
+      REFUSAL(c.CreateProbe(orphan->GetHandle(), nullptr, &out), kObject, "qpub"),
+      REFUSAL(c.CreateProbe(plain, nullptr, &out), kObject, "qpub"),
       REFUSAL(c.DestroyProbe(0), kArgument, "sitePath"),
       REFUSAL(c.DestroyProbe(host.manager.GetRegistry().GetHandle()), kArgument, "sitePath"),
       REFUSAL(c.DestroyProbe(metric), kArgument, "sitePath"),

@@ -45,7 +45,7 @@ class EnumerationTest : public ClientManagerTest {
     return handles;
   }
 
-  FakePublisher otherPublisher;
+  CountingPublisher otherPublisher;
 };
 
 // Deliberately as it stands: ordinary metrics (kind 4) are not listed but
@@ -78,22 +78,6 @@ TEST_F(EnumerationTest, EveryCallAppendsToTheListingAndNeverListsTheFrameworkSta
   client->GetMetrics(0, listing, nullptr, nullptr);
 
   EXPECT_EQ(Handles(listing), (std::vector<unsigned long>{a, a}));
-}
-
-// A metric whose description cannot be fetched is listed all the same, with
-// the default description.
-TEST_F(EnumerationTest, NodeOfTheProbeMetricKindWithoutAMetricStateIsListedWithTheDefault) {
-  Path* impostor = publisherNode->GetChildNamed("impostor", kPathCreate);
-  impostor->GetPayload()->m_type = RESOURCE_TYPE_PROBE_METRIC;
-  Listing listing;
-
-  ASSERT_EQ(client->GetMetrics(publisherNode->GetHandle(), listing, nullptr, nullptr),
-            KT_STATUS_SUCCESS);
-
-  ASSERT_EQ(listing.size(), 1u);
-  EXPECT_EQ(listing[0].first, impostor->GetHandle());
-  EXPECT_EQ(listing[0].second.uri, "");
-  EXPECT_EQ(listing[0].second.word4, 0xFFFFFFFFu);
 }
 
 // Only once it has a child does the publisher contribute anything.
@@ -170,7 +154,7 @@ TEST_F(EnumerationTest, ChildThatCannotBeDescribedEndsTheCallAndKeepsWhatWasList
 }
 
 TEST_F(EnumerationTest, EnumerationFromTheRootReachesTheMetricsOfAMountedPeer) {
-  FakePublisher farPublisher;
+  CountingPublisher farPublisher;
   Registry elsewhere;
   DefaultClientManager far(elsewhere);
   Path* farNode = elsewhere.GetChild("publishers/x", kPathCreate);

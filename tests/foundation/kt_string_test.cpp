@@ -63,33 +63,6 @@ TEST_F(KTStringTest, CopiesOwnBothFormsAndSelfAssignmentKeepsThem) {
   EXPECT_STREQ(assigned.WideChar(), L"abc");
 }
 
-// Both forms exist once construction returns, so that readers on several
-// threads only read; the null sources are our choice of "" in both forms.
-TEST_F(KTStringTest, FormsOfEverySourceAreMadeAtConstruction) {
-  const KTString strings[] = {KTString(), KTString("abc"), KTString(L"abc"),
-                              KTString(static_cast<const char*>(nullptr)),
-                              KTString(static_cast<const wchar_t*>(nullptr))};
-  const void* seen[2][5][2] = {};
-  auto readAll = [&](int reader) {
-    for (int i = 0; i < 5; ++i) {
-      seen[reader][i][0] = strings[i].Char();
-      seen[reader][i][1] = strings[i].WideChar();
-    }
-  };
-
-  std::thread first(readAll, 0), second(readAll, 1);
-  first.join(), second.join();
-
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(seen[0][i][0], seen[1][i][0]) << "narrow form of string " << i << " made by a reader";
-    EXPECT_EQ(seen[0][i][1], seen[1][i][1]) << "wide form of string " << i << " made by a reader";
-  }
-  EXPECT_STREQ(strings[3].Char(), "");
-  EXPECT_STREQ(strings[3].WideChar(), L"");
-  EXPECT_STREQ(strings[4].Char(), "");
-  EXPECT_STREQ(strings[4].WideChar(), L"");
-}
-
 TEST_F(KTStringTest, UnconvertibleOrOverlongNarrowFormIsCutAndTerminated) {
   const KTString accented(L"caf\u00e9");  // no narrow form in the "C" locale
   EXPECT_STREQ(accented.Char(), "");

@@ -139,19 +139,6 @@ class ReadWriteLockTest : public ::testing::Test {
   std::string order_;
 };
 
-TEST_F(ReadWriteLockTest, FreshTicketLockIsFreeAndTryLockExTakesItOnce) {
-  auto* tickets = static_cast<ReadWriteLock::ExclusiveLock*>(Write());
-  EXPECT_EQ(inspect_.Serving(), 1);
-  EXPECT_EQ(inspect_.NextTicket(), 0);
-
-  EXPECT_TRUE(tickets->TryLockEx());
-  EXPECT_FALSE(tickets->TryLockEx());
-  tickets->UnlockEx();
-
-  EXPECT_TRUE(tickets->TryLockEx());
-  tickets->UnlockEx();
-}
-
 TEST_F(ReadWriteLockTest, RecursiveWriteNeedsOneUnlockPerLock) {
   Write()->Lock();
   Write()->Lock();
@@ -282,40 +269,6 @@ TEST_F(ReadWriteLockTest, DestroyingTheLockReleasesOutstandingReadsForAQueuedWri
   EXPECT_TRUE(WaitForAll());
 }
 
-TEST_F(ReadWriteLockTest, GuardsHoldTheirFaceUntilTheScopeEndsEvenByThrow) {
-  {
-    ReadGuard hold(*lock_);
-    EXPECT_TRUE(TakenElsewhere(Read()));
-    EXPECT_FALSE(TakenElsewhere(Write()));
-  }
-  EXPECT_THROW(
-      {
-        WriteGuard hold(*lock_);
-        EXPECT_FALSE(TakenElsewhere(Read()));
-        throw std::runtime_error("early exit");
-      },
-      std::runtime_error);
-
-  EXPECT_TRUE(TakenElsewhere(Write()));
-}
-
-// A second ticket would queue behind the thread's own write hold and never come up.
-TEST_F(ReadWriteLockTest, WriterReadsWhatItGuardsAndReleasesInEitherOrder) {
-  const bool returned = Completes([this] {
-    Write()->Lock();
-    Read()->Lock();
-    EXPECT_TRUE(Read()->TryLock());
-    Read()->Unlock(), Read()->Unlock(), Write()->Unlock();
-    Write()->Lock();
-    Read()->Lock();
-    Write()->Unlock(), Read()->Unlock();
-  });
-
-  ASSERT_TRUE(returned) << "a read inside the thread's own write hold queued behind it";
-  EXPECT_EQ(inspect_.Readers(), 0);
-  EXPECT_TRUE(TakenElsewhere(Write()));
-}
-
 // The last reader is held up after closing its group, before its ticket moves
 // on; a reader joining the next group then must not be admitted on the old one.
 TEST_F(ReadWriteLockTest, ReaderArrivingAsAGroupClosesWaitsForTheNextWriter) {
@@ -337,19 +290,6 @@ TEST_F(ReadWriteLockTest, ReaderArrivingAsAGroupClosesWaitsForTheNextWriter) {
   EXPECT_EQ(Order(), "Wrr");
 }
 
-// A first reader that has counted itself but not yet taken its ticket would
-// queue behind a ticket taken by TryLock and be stranded in its group.
-TEST_F(ReadWriteLockTest, ReadTryLockLeavesAGroupAboutToOpenToItsFirstReader) {
-  inspect_.SetReaders(1);
-
-  const bool taken = Read()->TryLock();
-
-  EXPECT_FALSE(taken);
-  EXPECT_EQ(inspect_.Readers(), 1);
-  EXPECT_TRUE(inspect_.IsFree());
-  inspect_.SetReaders(0);
-}
-
 TEST(MonitorTest, ReentersOnItsThreadAndExcludesOthers) {
   Monitor monitor;
   monitor.Lock();
@@ -363,28 +303,6 @@ TEST(MonitorTest, ReentersOnItsThreadAndExcludesOthers) {
   monitor.Unlock();
 
   EXPECT_TRUE(TakenElsewhere(&monitor));
-}
-
-TEST(SyncContainerTest, FacesAreThoseOfOneRecursiveLockAlsoOnAConstMap) {
-  SyncMap<unsigned long, unsigned long> map;
-  SyncList<const void*> list;
-  const auto& constMap = map;
-  EXPECT_EQ(constMap.GetReadLock(), map.GetReadLock());
-  EXPECT_EQ(constMap.GetWriteLock(), map.GetWriteLock());
-
-  for (IReadWriteLock* owner : std::vector<IReadWriteLock*>{&map, &list}) {
-    ILock* read = owner->GetReadLock();
-    ILock* write = owner->GetWriteLock();
-    write->Lock();
-    EXPECT_TRUE(write->TryLock());
-    EXPECT_FALSE(TakenElsewhere(read));
-    write->Unlock(), write->Unlock();
-    read->Lock();
-    EXPECT_FALSE(TakenElsewhere(write));
-    EXPECT_TRUE(TakenElsewhere(read));
-    read->Unlock();
-    EXPECT_TRUE(TakenElsewhere(write));
-  }
 }
 
 }  // namespace

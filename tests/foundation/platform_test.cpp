@@ -10,31 +10,6 @@
 
 namespace {
 
-TEST(PlatformTest, ThreadIdIsPthreadSelfAndDiffersBetweenThreads) {
-  unsigned long theirs = 0;
-  unsigned long theirSelf = 0;
-
-  std::thread([&] {
-    theirs = KTGetCurrentThreadId();
-    theirSelf = static_cast<unsigned long>(pthread_self());
-  }).join();
-
-  EXPECT_EQ(KTGetCurrentThreadId(), static_cast<unsigned long>(pthread_self()));
-  EXPECT_EQ(theirs, theirSelf);
-  EXPECT_NE(theirs, KTGetCurrentThreadId());
-}
-
-TEST(PlatformTest, ProcessIdIsGetpid) {
-  EXPECT_EQ(KTGetCurrentProcessId(), static_cast<int>(getpid()));
-}
-
-TEST(PlatformTest, PriorityLiesWithinItsPolicyRange) {
-  const int priority = KTGetCurrentThreadPriority();
-
-  EXPECT_LE(KTGetCurrentThreadPriorityMin(), priority);
-  EXPECT_LE(priority, KTGetCurrentThreadPriorityMax());
-}
-
 TEST(PlatformTest, PresentPriorityIsAcceptedAndOneOutsideTheRangeRefused) {
   const int before = KTGetCurrentThreadPriority();
 

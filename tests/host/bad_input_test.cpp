@@ -13,8 +13,7 @@
 
 #include "kt/logger.h"
 #include "kt/platform.h"
-#include "state/state_fakes.h"
-#include "support/live_manager.h"
+#include "support/harness.h"
 #include "transport/local_conduit.h"
 #include "transport/queue_buffer.h"
 
@@ -24,18 +23,6 @@ namespace {
 using namespace testing_fakes;
 
 class RolelessExtension : public IKTExtensionBase {};
-
-class SilentLogger : public ILogger {
- public:
-  void Log(unsigned int, const char*) override { ++lines; }
-  int lines = 0;
-};
-
-class NullMethod : public IRemoteMethod {
- public:
-  bool Run(const IReadBuffer*, IWriteBuffer*) override { return true; }
-  void GetRemoteMethodDesc(RemoteMethodDesc&) override {}
-};
 
 // A manager with a publisher "pub" (metrics "m" and the probe metric "pm"), a
 // consumer "con" and a conduit "cd"; a second manager, the foreign registry,
@@ -47,9 +34,9 @@ class ExtensionManagerBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("cd", &conduit), KT_STATUS_SUCCESS);
     EXPECT_EQ(foreign.Add("pub", &foreignPublisher), KT_STATUS_SUCCESS);
-    metric = Published(host.manager, &publisher, "m");
-    probeMetric = Published(host.manager, &publisher, "pm", Metric::kFlagProbe);
-    foreignMetric = Published(foreign.manager, &foreignPublisher, "m");
+    metric = host.Publish(&publisher, Describe("m"));
+    probeMetric = host.Publish(&publisher, Describe("pm", 1, 0xFFFFFFFF, Metric::kFlagProbe));
+    foreignMetric = foreign.Publish(&foreignPublisher, Describe("m"));
     // A publisher object whose handle is the consumer's node.
     strayPublisher.Load(&host.manager, nullptr, consumer.GetHandle(), nullptr);
   }
@@ -62,7 +49,7 @@ class ExtensionManagerBadInputTest : public ::testing::Test {
     return desc;
   }
 
-  FakePublisher publisher, foreignPublisher, strayPublisher, unfiledPublisher;
+  CountingPublisher publisher, foreignPublisher, strayPublisher, unfiledPublisher;
   RecordingConsumer consumer;
   FakeConduit conduit;
   LiveManager host, foreign;
@@ -72,7 +59,7 @@ class ExtensionManagerBadInputTest : public ::testing::Test {
 TEST_F(ExtensionManagerBadInputTest, AddAndRemoveRefuseWhatTheyCannotFile) {
   const ExtensionBinaryDesc desc{};
   RolelessExtension roleless;
-  FakePublisher twin;
+  CountingPublisher twin;
   RecordingConsumer stranger;
   ExpectRefusals({
       REFUSAL(host.manager.Add(desc, "x", nullptr, nullptr), kArgument, "extension"),
@@ -139,6 +126,7 @@ TEST_F(ExtensionManagerBadInputTest, ProbeRoutersRefuseBadDescriptionsAndQueries
       REFUSAL(m.PublishProbe(&publisher, Probe(ordinary, 1), &out), kObject, kNone),
       REFUSAL(m.PublishProbe(&publisher, unterminated, &out), KT_STATUS_SUCCESS, kNone),
       REFUSAL(m.UnpublishProbe(nullptr, out), kArgument, "publisher"),
+      REFUSAL(m.UnpublishProbe(&unfiledPublisher, 0), kObject, "publisherPath"),
       REFUSAL(m.UnpublishProbe(&publisher, 0), kObject, "query"),
       REFUSAL(m.UnpublishProbe(&publisher, probeMetric), kObject, "query"),
       REFUSAL(m.UnpublishProbe(&foreignPublisher, out), kObject, "publisherPath"),
@@ -158,6 +146,7 @@ TEST_F(ExtensionManagerBadInputTest, DataAndMethodRoutersRefuseBadHandlesAndNull
   const unsigned long unknown = host.UnknownHandle();
   ExpectRefusals({
       REFUSAL(m.PushDataToConsumers(cd, metric, nullptr), kArgument, "data"),
+      REFUSAL(m.PushDataToConsumers(unknown, metric, nullptr), kArgument, "data"),
       REFUSAL(m.PushDataToConsumers(0, metric, &args), kObject, "data"),
       REFUSAL(m.PushDataToConsumers(unknown, metric, &args), kObject, "data"),
       REFUSAL(m.PushDataToConsumers(con, metric, &args), kObject, "data"),
@@ -174,26 +163,25 @@ TEST_F(ExtensionManagerBadInputTest, DataAndMethodRoutersRefuseBadHandlesAndNull
 
 TEST_F(ExtensionManagerBadInputTest, LogWithoutLoggersFormatOrSourceDeliversNothing) {
   EXPECT_EQ(host.manager.Log(1, nullptr, nullptr), KT_STATUS_INVALID_OPERATION);
-  SilentLogger logger;
+  RecordingLogger logger;
   ASSERT_EQ(host.Add("log", &logger), KT_STATUS_SUCCESS);
   EXPECT_EQ(host.manager.Log(1, nullptr, nullptr), KT_STATUS_SUCCESS);
-  EXPECT_EQ(logger.lines, 0);
+  EXPECT_EQ(logger.lines.size(), 0u);
   EXPECT_EQ(host.manager.Log(1, nullptr, "%s", std::string(5000, 'x').c_str()), KT_STATUS_SUCCESS);
-  EXPECT_EQ(logger.lines, 1);
+  EXPECT_EQ(logger.lines.size(), 1u);
   host.manager.Remove(ExtensionBinaryDesc{}, "log", &logger, nullptr);
 }
 
 TEST(InterfaceQueryBadInputTest, NullNameAnswersNullOnEveryInterface) {
-  FakePublisher publisher;
-  PlainPublisher plain;
+  CountingPublisher publisher;
   RecordingConsumer consumer;
   BatchedConsumer batched;
-  SilentLogger logger;
-  NullMethod method;
+  RecordingLogger logger;
+  RecordingMethod method;
   FakeConduit conduit;
   LocalConduit local;
   LiveManager live;
-  IExtension* objects[] = {&publisher, &plain, &consumer, &batched, &logger, &method,
+  IExtension* objects[] = {&publisher, &consumer, &batched, &logger, &method,
                            &conduit, &local, &live.command, &live.manager, live.client.get()};
   for (IExtension* object : objects) EXPECT_EQ(object->CastTo(nullptr), nullptr);
 }

@@ -11,8 +11,8 @@
 #include "kt/metric.h"
 #include "kt/probe.h"
 #include "kt/remote_method.h"
-#include "state/state_fakes.h"
-#include "support/live_manager.h"
+#include "support/fakes.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {
@@ -114,7 +114,7 @@ class ExtensionThrowTest : public ::testing::Test {
   }
 
   unsigned long probe = 0;
-  testing_fakes::FakeBuffer buffer;
+  testing_fakes::HostBuffer buffer;
 
   LiveManager live;
   ThrowingExtension extension;

@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -14,29 +13,11 @@
 #include "kt/export_table.h"
 #include "kt/extension_manager.h"
 #include "modules/test_extensions.h"
-#include "support/stub_loader.h"
+#include "support/fakes.h"
 
 namespace {
 
 using namespace MetricsFramework;
-
-// The host's loader: files what the library asks it to file with the manager,
-// under the name it was given, and removes it again.
-class HostLoader : public testing_fakes::StubLoader {
- public:
-  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
-                         const ExtensionBinaryDesc*) override {
-    names[extension] = name;
-    return manager->Add(ExtensionBinaryDesc{}, name, extension, this);
-  }
-  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
-    const std::string name = names[extension];
-    names.erase(extension);
-    return manager->Remove(ExtensionBinaryDesc{}, name.c_str(), extension, this);
-  }
-  IExtensionManager* manager = nullptr;
-  std::map<IKTExtensionBase*, std::string> names;
-};
 
 const ExtensionExportRow* TableOf(void* module) {
   return static_cast<const ExtensionExportRow*>(dlsym(module, "__extension_export_table__"));
@@ -106,7 +87,7 @@ class HostScenarioTest : public ::testing::Test {
   void* consumerModule = nullptr;
   IExtensionManager* manager = nullptr;
   IClientManager* client = nullptr;
-  HostLoader loader;
+  testing_fakes::HostLoader loader;
   IExtension* publisher = nullptr;
   IExtension* consumer = nullptr;
 };

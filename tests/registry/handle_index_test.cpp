@@ -79,31 +79,6 @@ class RegistryIndexTest : public ::testing::Test {
   std::vector<unsigned long> probes{0, registry.GetHandle(), kClientCommandHandle};
 };
 
-TEST_F(RegistryIndexTest, FollowsTheHandlesMapThroughEveryChange) {
-  Path* many = registry.GetChild("many", kPathCreate);
-  Path* other = registry.GetChild("other", kPathCreate);
-  Path* handles = registry.GetHandleBranch();
-  std::vector<Path*> nodes;
-  const std::vector<std::function<void()>> steps = {
-      [&] { for (int i = 0; i < 3000; ++i) nodes.push_back(Make(many)); },  // several doublings
-      [&] { handles->AddAliasSymlink(kClientCommandHandle, nodes[1]); },
-      [&] { handles->AddAliasSymlink(nodes[2]->GetHandle(), nodes[3]); },  // taken: no change
-      [&] { Make(other, nodes[4]->GetHandle()); },                       // clash, first one stays
-      [&] { delete nodes[4]; },                   // its link goes; the clashing twin stays unfiled
-      [&] { Make(handles, 0x1234); },             // an owned child of "handles" itself
-      [&] { delete handles->GetChild(0x1234ul, 0); },
-      [&] { handles->RemoveSymlink(nodes[5]->GetHandle()); },
-      [&] { for (int i = 6; i < 3000; i += 2) delete nodes[i]; },
-      [&] { delete nodes[1]; },                   // both links, own and alias
-      [&] { delete many; },
-  };
-  for (size_t i = 0; i < steps.size(); ++i) {
-    steps[i]();
-    SCOPED_TRACE(i);
-    ExpectIndexMatchesTree();
-  }
-}
-
 TEST(RegistryIndexTeardownTest, PayloadsDestroyedInTeardownResolveNothing) {
   static Path* resolved;
   struct Resolver : PathData {

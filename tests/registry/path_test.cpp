@@ -59,61 +59,6 @@ TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheNameAndEmptyName
   EXPECT_EQ(Find(""), nullptr);
 }
 
-TEST_F(PathTest, PartialMatchReturnsDeepestNodeAndPointsRestAtFirstMissingName) {
-  Path* x = Make("x");
-  const char* text = "x/y/z";
-  const char* rest = nullptr;
-
-  EXPECT_EQ(registry.GetChild(text, 0, &rest), x);
-  EXPECT_EQ(rest, text + 2);
-  EXPECT_EQ(registry.GetChild(text, 0), nullptr);
-
-  Path* y = Make("x/y");
-  EXPECT_EQ(registry.GetChild(text, 0, &rest), y);
-  EXPECT_EQ(rest, text + 4);
-
-  const char* untouched = text;
-  EXPECT_EQ(registry.GetChild("nothing/here", 0, &untouched), nullptr);
-  EXPECT_EQ(untouched, text);
-}
-
-TEST_F(PathTest, UnlistedChildIsFoundButNotCountedOrListedAndChildHandlesAreOwnHandles) {
-  Path* listed = Make("listed");
-  Path* hidden = Make("hidden", kPathCreate | kPathUnlisted);
-  Path* parent = Make("p");
-  Path* first = parent->GetChild("first", kPathCreate | kPathUnlisted);
-  Path* second = parent->GetChild("second", kPathCreate);
-
-  EXPECT_EQ(Find("hidden"), hidden);
-  EXPECT_EQ(registry.GetChild(hidden->GetHandle(), 0), hidden);
-  EXPECT_EQ(registry.ResolveHandle(hidden->GetHandle()), hidden);
-  EXPECT_EQ(registry.ChildCount(), 2u);  // "listed" and "p"; "handles" and "hidden" are not
-  EXPECT_EQ(parent->ChildCount(), 1u);
-  // An unlisted child does not use up the count.
-  EXPECT_EQ(ChildHandles(parent, 1)[0], second->GetHandle());
-  EXPECT_NE(first, nullptr);
-  EXPECT_NE(listed, nullptr);
-
-  // Child handles are the children's own, not an alias; a count of zero writes nothing.
-  Path* dir = Make("dir");
-  dir->AddAliasSymlink(0x1234, listed);
-  EXPECT_EQ(ChildHandles(dir, 1)[0], listed->GetHandle());
-  EXPECT_EQ(ChildHandles(dir, 0)[0], 0xDEADu);
-  EXPECT_EQ(ChildHandles(dir, 1)[1], 0xDEADu);
-}
-
-TEST_F(PathTest, NewNodesAreRegisteredInHandlesUnlessAskedNotTo) {
-  Path* registered = Make("r");
-  Path* private_node = Make("q", kPathCreate | kPathUnlisted | kPathNoHandleEntry);
-
-  EXPECT_EQ(registry.ResolveHandle(registered->GetHandle()), registered);
-  EXPECT_EQ(registry.ResolveHandle(private_node->GetHandle()), nullptr);
-  EXPECT_EQ(registered->GetParent(), &registry);
-  EXPECT_EQ(registered->GetRegistry(), &registry);
-  EXPECT_EQ(registered->GetPayload()->m_type, RESOURCE_TYPE_NODE);
-  EXPECT_EQ(registered->GetPayload()->m_path, registered);
-}
-
 // A taken alias handle answers the node already there; a link never shadows
 // an owned child of its name, and RemoveSymlink removes links only.
 TEST_F(PathTest, LinksNeverDisplaceWhatIsAlreadyThere) {
@@ -160,21 +105,6 @@ TEST_F(PathTest, DestroyingANodeRemovesEveryLinkToIt) {
   EXPECT_EQ(right->ChildCount(), 0u);
 }
 
-TEST_F(PathTest, RemovingOneOfTwoLinksKeepsTheOtherCleanedUpOnDestruction) {
-  Path* node = Make("node");
-  Path* dir = Make("dir");
-  dir->AddSymlink(node);
-  dir->AddAliasSymlink(5, node);
-
-  EXPECT_TRUE(dir->RemoveSymlink(5));
-  EXPECT_EQ(dir->GetChild(node->GetHandle(), 0), node);
-
-  const unsigned long handle = node->GetHandle();
-  delete node;
-  EXPECT_EQ(dir->GetChild(handle, 0), nullptr);
-  EXPECT_EQ(dir->ChildCount(), 0u);
-}
-
 TEST_F(PathTest, SetNameRefilesTheNodeUnderItsNewName) {
   Path* node = Make("old");
 
@@ -194,34 +124,6 @@ TEST_F(PathTest, SetNameRefilesTheNodeUnderItsNewName) {
   delete node;
 
   EXPECT_EQ(registry.GetChildNamed("", 0), nullptr) << "no entry outlives its node";
-}
-
-// A null path, or renaming a node its parent does not list, throws and
-// releases the lock.
-TEST_F(PathTest, ThrowingCallsReleaseTheLock) {
-  Path* node = Make("stray");
-  registry.DetachChild(node);
-
-  EXPECT_THROW(registry.GetChild(nullptr, kPathCreate), std::logic_error);
-  EXPECT_THROW(node->SetName("other"), std::out_of_range);
-
-  EXPECT_TRUE(registry.GetLock().GetWriteLock()->TryLock());
-  registry.GetLock().GetWriteLock()->Unlock();
-  delete node;
-}
-
-TEST_F(PathTest, HandleClashIsReportedAndNeitherOrderOfDestructionHangs) {
-  Path* first = Make("first");
-  Path* other = Make("other");
-
-  testing::internal::CaptureStdout();
-  Path* clash = other->NewChild(first->GetHandle(), "clash", true, true);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "BAD HANDLE!!!!!\n");
-  EXPECT_EQ(registry.ResolveHandle(first->GetHandle()), first);
-
-  delete first;
-  EXPECT_EQ(registry.ResolveHandle(clash->GetHandle()), nullptr);
-  delete other;
 }
 
 TEST_F(PathTest, ConstructingAPayloadReplacesAndDestroysThePreviousOne) {

@@ -13,27 +13,13 @@
 
 #include "remote/client_manager_proxy.h"
 #include "remote/proxy_buffer.h"
-#include "state/state_fakes.h"
-#include "support/live_manager.h"
+#include "support/harness.h"
 #include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
 namespace {
 
 using namespace testing_fakes;
-
-struct Case {
-  const char* entry;
-  std::function<KT_STATUS()> call;
-  KT_STATUS status;
-};
-
-// The argument a refusal names stays with the serving side: through the
-// protocol only the status arrives.
-void ExpectStatuses(const std::vector<Case>& cases) {
-  for (const Case& c : cases) EXPECT_EQ(c.call(), c.status) << c.entry;
-}
-#define STATUS(call, status) Case{#call, [&] { return call; }, status}
 
 // A buffer holding one committed record of `bytes`.
 class Record : public QueueBuffer {
@@ -68,7 +54,8 @@ class RemoteBadInputTest : public ::testing::Test {
     EXPECT_EQ(host.Add("ClientCommandMethod", &host.command), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
-    metric = Published(host.manager, &publisher, "m");
+    EXPECT_EQ(host.Add("echo", &echo), KT_STATUS_SUCCESS);
+    metric = host.Publish(&publisher, Describe("m"));
     transport = host.client->GetConduitHandle(0, 0);
     proxy = std::make_unique<ClientManagerProxy>(1, 2, "peer", host.client.get(), transport,
                                                  transport);
@@ -83,8 +70,9 @@ class RemoteBadInputTest : public ::testing::Test {
     return {ran, reply.ReadBack(nullptr, 0)};
   }
 
-  FakePublisher publisher;
+  CountingPublisher publisher;
   RecordingConsumer consumer;
+  RecordingMethod echo;
   LiveManager host;
   unsigned long metric = 0, transport = 0;
   std::unique_ptr<ClientManagerProxy> proxy;
@@ -106,29 +94,29 @@ TEST_F(RemoteBadInputTest, ProxyPassesThePeersRefusalsBackAndRefusesWhatItCannot
   ResourceInfo info;
   Metric::Description desc;
   QueueBuffer args(0, nullptr, 0, 0, 0), returns(0, nullptr, 0, 0, 0);
-  ExpectStatuses({
-      STATUS(unwired.GetChildCount(0, &count), kObject | kRunFailed),
-      STATUS(p.GetPath(0, nullptr, &out), kArgument),
-      STATUS(p.GetPath(0, "publishers", nullptr), KT_STATUS_SUCCESS),
-      STATUS(p.GetChildCount(unknown, &count), kObject | kRunFailed),
-      STATUS(p.GetChildren(0, children, UINT_MAX), KT_STATUS_INVALID_SIZE | kRunFailed),
-      STATUS(p.GetChildren(0, nullptr, 1), KT_STATUS_SUCCESS),
-      STATUS(p.GetResourceInfo(unknown, &info), kObject | kRunFailed),
-      STATUS(p.GetResourceInfo(0, nullptr), KT_STATUS_SUCCESS),
-      STATUS(p.GetMetricDescriptor(con, &desc), kObject),
-      STATUS(p.GetMetricDescriptor(metric, nullptr), KT_STATUS_SUCCESS),
-      STATUS(p.SubscribeMetric(0, metric), kArgument | kRunFailed),
-      STATUS(p.SubscribeMetric(con, 0), kArgument | kRunFailed),
-      STATUS(p.UnsubscribeMetric(con, unknown), KT_STATUS_DOES_NOT_EXIST | kRunFailed),
-      STATUS(noConduit.FlushMetrics(con), kArgument | kRunFailed),
-      STATUS(p.SubscribeMetrics(con, nullptr, 2, nullptr), kArgument),
-      STATUS(p.SubscribeMetrics(con, nullptr, 0, nullptr), KT_STATUS_SUCCESS),
-      STATUS(p.UnsubscribeMetrics(con, batch, 2, nullptr), KT_STATUS_PARTIAL_FAILURE),
-      STATUS(p.CallRemoteMethodSync(metric, &args, nullptr), kArgument),
-      STATUS(p.CallRemoteMethodSync(0, &args, &returns), KT_STATUS_INVALID_OPERATION),
-      STATUS(p.CallRemoteMethodSync(unknown, nullptr, &returns), KT_STATUS_INVALID_OPERATION),
-      STATUS(p.CreateProbe(0, nullptr, nullptr), KT_STATUS_INVALID_OPERATION),
-      STATUS(p.DestroyProbe(0), KT_STATUS_INVALID_OPERATION),
+  ExpectRefusals({
+      REFUSAL(unwired.GetChildCount(0, &count), kObject | kRunFailed, nullptr),
+      REFUSAL(p.GetPath(0, nullptr, &out), kArgument, nullptr),
+      REFUSAL(p.GetPath(0, "publishers", nullptr), KT_STATUS_SUCCESS, nullptr),
+      REFUSAL(p.GetChildCount(unknown, &count), kObject | kRunFailed, nullptr),
+      REFUSAL(p.GetChildren(0, children, UINT_MAX), KT_STATUS_INVALID_SIZE | kRunFailed, nullptr),
+      REFUSAL(p.GetChildren(0, nullptr, 1), KT_STATUS_SUCCESS, nullptr),
+      REFUSAL(p.GetResourceInfo(unknown, &info), kObject | kRunFailed, nullptr),
+      REFUSAL(p.GetResourceInfo(0, nullptr), KT_STATUS_SUCCESS, nullptr),
+      REFUSAL(p.GetMetricDescriptor(con, &desc), kObject, nullptr),
+      REFUSAL(p.GetMetricDescriptor(metric, nullptr), KT_STATUS_SUCCESS, nullptr),
+      REFUSAL(p.SubscribeMetric(0, metric), kArgument | kRunFailed, nullptr),
+      REFUSAL(p.SubscribeMetric(con, 0), kArgument | kRunFailed, nullptr),
+      REFUSAL(p.UnsubscribeMetric(con, unknown), KT_STATUS_DOES_NOT_EXIST | kRunFailed, nullptr),
+      REFUSAL(noConduit.FlushMetrics(con), kArgument | kRunFailed, nullptr),
+      REFUSAL(p.SubscribeMetrics(con, nullptr, 2, nullptr), kArgument, nullptr),
+      REFUSAL(p.SubscribeMetrics(con, nullptr, 0, nullptr), KT_STATUS_SUCCESS, nullptr),
+      REFUSAL(p.UnsubscribeMetrics(con, batch, 2, nullptr), KT_STATUS_PARTIAL_FAILURE, nullptr),
+      REFUSAL(p.CallRemoteMethodSync(metric, &args, nullptr), kArgument, nullptr),
+      REFUSAL(p.CallRemoteMethodSync(0, &args, &returns), KT_STATUS_INVALID_OPERATION, nullptr),
+      REFUSAL(p.CallRemoteMethodSync(unknown, nullptr, &returns), KT_STATUS_INVALID_OPERATION, nullptr),
+      REFUSAL(p.CreateProbe(0, nullptr, nullptr), KT_STATUS_INVALID_OPERATION, nullptr),
+      REFUSAL(p.DestroyProbe(0), KT_STATUS_INVALID_OPERATION, nullptr),
   });
   EXPECT_EQ(out, 0u);
   EXPECT_EQ(children[0], 0u);
@@ -171,6 +159,8 @@ TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownReques
       {"Flush truncated", Op(kOpFlushMetrics), false, kArgument},
       {"Call truncated", Op(kOpCallRemoteMethod), false, kNoReply},
       {"Call payload past the record", op9 + Bytes(64ul) + "abc", false, kNoReply},
+      {"Call payload running 7 bytes past the record",
+       Op(kOpCallRemoteMethod) + Bytes(echo.GetHandle()) + Bytes(10ul) + "abc", false, kNoReply},
       {"Call payload of 2^63 bytes", op9 + Bytes(1ul << 63), false, kNoReply},
   };
   for (const Request& r : requests) {
@@ -178,6 +168,7 @@ TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownReques
     EXPECT_EQ(answer.first, r.ran) << r.what;
     EXPECT_EQ(answer.second, r.reply) << r.what;
   }
+  EXPECT_EQ(echo.runs, 0);
   ProxyBuffer reply;
   Record request(Op(kOpGetChildCount));
   LoadedCommandMethod unloaded;
@@ -185,6 +176,10 @@ TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownReques
   EXPECT_FALSE(host.command.Run(&request, nullptr));
   EXPECT_FALSE(unloaded.Run(&request, &reply));  // no client manager to serve it
   EXPECT_EQ(reply.ReadBack(nullptr, 0), KT_STATUS_INVALID_OPERATION);
+  HostBuffer exhausted;  // a reply that cannot be allocated
+  exhausted.failReserve = true;
+  EXPECT_FALSE(host.command.Run(&request, &exhausted));
+  EXPECT_TRUE(exhausted.records.empty());
 }
 
 TEST(ProxyBufferBadInputTest, NullTextIsSentAsTheEmptyText) {

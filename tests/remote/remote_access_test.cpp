@@ -26,19 +26,13 @@
 #include "remote/proxy_buffer.h"
 #include "state/consumer_state.h"
 #include "state/peer_state.h"
-#include "state/state_fakes.h"
-#include "support/live_manager.h"
-#include "support/stub_loader.h"
+#include "support/harness.h"
 #include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
 namespace {
 
 using namespace testing_fakes;
-
-// A manager made by the export table hands its client manager to every
-// extension it loads; these are built directly, so A's method is handed A's.
-using ServedCommandMethod = LoadedCommandMethod;
 
 // A conduit of B whose transactions cross into A's manager. It notes the op
 // and first value of every request; `lost` makes it drop them with that
@@ -58,87 +52,21 @@ class CrossingConduit : public FakeConduit {
     if (lost != KT_STATUS_SUCCESS) return lost;
     return far->DispatchRemoteMethod(method, request, reply);
   }
-  unsigned long GetRemoteHandle() override { return remote; }
   std::vector<unsigned int> Ops() const {
     std::vector<unsigned int> ops;
     for (const Sent& s : sent) ops.push_back(s.op);
     return ops;
   }
   DefaultExtensionManager* far = nullptr;
-  unsigned long remote = 0;
   KT_STATUS lost = KT_STATUS_SUCCESS;
   std::vector<Sent> sent;
 };
 
-// A method of A that answers "echo:" and the bytes of its argument record.
-class EchoMethod : public IRemoteMethod {
- public:
-  bool Run(const IReadBuffer* args, IWriteBuffer* returns) override {
-    const void* data = nullptr;
-    unsigned long size = 0;
-    args->GetData(&data, &size);
-    std::string text = "echo:";
-    if (data != nullptr) text.append(static_cast<const char*>(data), size);
-    void* block = returns->Reserve(text.size());
-    std::memcpy(block, text.data(), text.size());
-    returns->Commit(block);
-    return true;
-  }
-  void GetRemoteMethodDesc(RemoteMethodDesc& desc) override { std::strcpy(desc.m_name, "echo"); }
-};
-
-// A buffer of neither the queue buffer's class nor the proxy buffer's: each
-// record is a string of its own. `failReserve` makes Reserve throw as an
-// exhausted allocator does.
-class StringBuffer : public IReadWriteBuffer {
- public:
-  void GetData(const void** data, unsigned long* size) const override {
-    *data = records.empty() ? nullptr : records.front().data();
-    if (size != nullptr) *size = records.empty() ? 0 : records.front().size();
-  }
-  void MakeAvailable(const void*) const override {}
-  void Flush() override {}
-  void* Reserve(unsigned long size) override {
-    if (failReserve) throw std::bad_alloc();
-    pending.emplace_back(size, '\0');
-    return &pending.back()[0];
-  }
-  void Commit(void*) override {
-    records.push_back(std::move(pending.front()));
-    pending.pop_front();
-  }
-  void CommitTimeBasedMetric(void*) override {}
-  // Holds `record` as committed, unless it is empty.
-  explicit StringBuffer(const std::string& record = "") {
-    if (!record.empty()) records.push_back(record);
-  }
-  std::deque<std::string> pending;
-  std::deque<std::string> records;
-  bool failReserve = false;
-};
-
-// The far side of B's mount: hands out the proxy; releasing it is a no-op
-// (the fixture owns both).
 // The bytes of `value` as they lie in memory.
 template <typename T>
 std::string Raw(T value) {
   return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
 }
-
-class ProxyPeer : public IPeer {
- public:
-  void Release() override {}
-  IClientManager* GetClientManager() override { return clientManager; }
-  IClientManager* clientManager = nullptr;
-};
-
-class RecordingListener : public IClientManagerErrorListener {
- public:
-  void OnError(unsigned long metric, unsigned int status) override {
-    errors.emplace_back(metric, status);
-  }
-  std::vector<std::pair<unsigned long, unsigned int>> errors;
-};
 
 // Process A publishes "publishers/p/m" and "publishers/p/m2", serves the
 // protocol and files B's subscriptions under its conduit "served"; its root
@@ -147,7 +75,7 @@ class RecordingListener : public IClientManagerErrorListener {
 // point at them; the client managers go before their managers.
 class RemoteAccessTest : public ::testing::Test {
  protected:
-  RemoteAccessTest() : loaderA(a), loaderB(b) {
+  RemoteAccessTest() : loaderA(&a), loaderB(&b) {
     clientA = std::make_unique<DefaultClientManager>(a.GetRegistry());
     clientB = std::make_unique<DefaultClientManager>(b.GetRegistry());
     clientA->m_loader = &loaderA;
@@ -210,13 +138,13 @@ class RemoteAccessTest : public ::testing::Test {
   }
   unsigned long ConsumerK() { return consumer.GetHandle(); }
 
-  ServedCommandMethod command;
-  FakePublisher publisher;
+  LoadedCommandMethod command;
+  CountingPublisher publisher;
   FakeConduit served;
-  EchoMethod echo;
+  RecordingMethod echo{"echo", "echo:"};
   CrossingConduit toA;
   RecordingConsumer consumer;
-  ProxyPeer peer;
+  FakePeer peer;
   DefaultExtensionManager a;
   DefaultExtensionManager b;
   HostLoader loaderA;
@@ -271,21 +199,6 @@ TEST_F(RemoteAccessTest, ListingsOfARootHidePeersAndGiveCountRealChildren) {
   EXPECT_EQ(tail, expected);
 }
 
-TEST_F(RemoteAccessTest, PeersIsHiddenOnlyWhenListedAndOnlyAtTheRoot) {
-  delete a.GetRegistry().GetChild("peers", 0);
-  a.GetRegistry().GetChild("peers", kPathCreate | kPathUnlisted);
-  const std::vector<unsigned long> all = RootChildrenInA();
-  unsigned int count = 0;
-  ASSERT_EQ(proxy->GetChildCount(aRoot, &count), KT_STATUS_SUCCESS);
-  EXPECT_EQ(count, all.size()) << "an unlisted peers node is not counted, so not subtracted";
-
-  Path* tree = a.GetRegistry().GetChild("tree", kPathCreate);
-  tree->GetChild("peers", kPathCreate);
-  tree->GetChild("x", kPathCreate);
-  ASSERT_EQ(proxy->GetChildCount(tree->GetHandle(), &count), KT_STATUS_SUCCESS);
-  EXPECT_EQ(count, 2u);
-}
-
 TEST_F(RemoteAccessTest, ResourceInfoShowsARootAsTheMountAndOtherNodesAsTheyAre) {
   ResourceInfo info{};
   ASSERT_EQ(clientB->GetResourceInfo(aRoot, &info), KT_STATUS_SUCCESS);
@@ -309,23 +222,6 @@ TEST_F(RemoteAccessTest, ResourceInfoShowsARootAsTheMountAndOtherNodesAsTheyAre)
   EXPECT_EQ(proxy->GetResourceInfo(aRoot + 12345, &untouched),
             KT_STATUS_INVALID_OBJECT | KT_STATUS_INVALID_OPERATION);
   EXPECT_EQ(untouched.name, "kept");
-}
-
-TEST_F(RemoteAccessTest, ResourceReplyIsTheFixedRecordThenTheName) {
-  StringBuffer reply;
-  ASSERT_TRUE(Serve(ProxyBuffer(4, metric), reply));
-  ASSERT_EQ(reply.records.size(), 1u);
-  const std::string& record = reply.records.front();
-  ASSERT_EQ(record.size(), 4u + 64u + 2u);
-  unsigned int status = 99;
-  unsigned long words[4];
-  std::memcpy(&status, record.data(), 4);
-  std::memcpy(words, record.data() + 4 + 32, sizeof(words));
-  EXPECT_EQ(status, 0u);
-  EXPECT_EQ(record.substr(4, 32), std::string(32, '\0'));
-  EXPECT_EQ(words[1], static_cast<unsigned long>(RESOURCE_TYPE_METRIC));
-  EXPECT_EQ(words[2], publisher.GetHandle());
-  EXPECT_EQ(record.substr(68), std::string("m\0", 2));
 }
 
 TEST_F(RemoteAccessTest, AConsumerOfBIsSubscribedToAMetricOfA) {
@@ -367,7 +263,7 @@ TEST_F(RemoteAccessTest, EveryOperationCrossesAsItsOpAndIsAnswered) {
   unsigned long child = 0;
   ResourceInfo info{};
   Metric::Description desc;
-  StringBuffer returns;
+  HostBuffer returns;
   ProxyBuffer args;
 
   EXPECT_EQ(proxy->GetPath(aRoot, "publishers/p", &handle), KT_STATUS_SUCCESS);
@@ -384,7 +280,7 @@ TEST_F(RemoteAccessTest, EveryOperationCrossesAsItsOpAndIsAnswered) {
   EXPECT_EQ(proxy->FlushMetrics(ConsumerK()), KT_STATUS_SUCCESS);
   EXPECT_EQ(proxy->CallRemoteMethodSync(echo.GetHandle(), &args, &returns), KT_STATUS_SUCCESS);
   ASSERT_EQ(returns.records.size(), 1u);
-  EXPECT_EQ(returns.records.front(), "echo:") << "an empty argument arrives as no record";
+  EXPECT_EQ(returns.Records().front(), "echo:") << "an empty argument arrives as no record";
 
   EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{1, 2, 3, 4, 5, 6, 7, 8, 9}));
   EXPECT_EQ(publisher.binds, 1);
@@ -428,28 +324,28 @@ TEST_F(RemoteAccessTest, DescriptorReadsTheSizeRecordTwiceAsKept) {
 }
 
 TEST_F(RemoteAccessTest, DescriptorReplyIsTwoRecordsAlsoOnFailure) {
-  StringBuffer reply;
+  HostBuffer reply;
   EXPECT_FALSE(Serve(ProxyBuffer(5, aRoot + 12345), reply));
   ASSERT_EQ(reply.records.size(), 2u);
-  EXPECT_EQ(reply.records[0], Raw(KT_STATUS_INVALID_OBJECT) + Raw(62u)) << "the default's size";
-  EXPECT_EQ(reply.records[1].size(), 4u + 62u);
+  EXPECT_EQ(reply.Records()[0], Raw(KT_STATUS_INVALID_OBJECT) + Raw(62u)) << "the default's size";
+  EXPECT_EQ(reply.Records()[1].size(), 4u + 62u);
 
   Metric::Description decoded;
-  ASSERT_TRUE(DecodeDescription(reply.records[1].data() + 4, 62, &decoded));
+  ASSERT_TRUE(DecodeDescription(reply.Records()[1].data() + 4, 62, &decoded));
   EXPECT_EQ(decoded.id, 0xFFFFFFFFu);
   EXPECT_EQ(decoded.word4, 0xFFFFFFFFu);
 }
 
 TEST_F(RemoteAccessTest, BatchSubscriptionTellsTheListenerOfEachFailure) {
   const unsigned long metrics[3] = {metric, 0, metric2};
-  RecordingListener listener;
+  RecordingErrorListener listener;
   EXPECT_EQ(proxy->SubscribeMetrics(ConsumerK(), metrics, 3, &listener),
             KT_STATUS_PARTIAL_FAILURE);
   EXPECT_EQ(listener.errors,
             (std::vector<std::pair<unsigned long, unsigned int>>{{0, KT_STATUS_INVALID_ARGUMENT}}));
   EXPECT_EQ(publisher.binds, 2);
 
-  RecordingListener quiet;
+  RecordingErrorListener quiet;
   EXPECT_EQ(proxy->UnsubscribeMetrics(ConsumerK(), metrics, 0, &quiet), KT_STATUS_SUCCESS);
   EXPECT_EQ(proxy->UnsubscribeMetrics(ConsumerK(), metrics, 1, &quiet), KT_STATUS_SUCCESS);
   EXPECT_TRUE(quiet.errors.empty());
@@ -497,34 +393,6 @@ TEST_F(RemoteAccessTest, UnansweredCallsJoinTheTransportStatusWithTheMissingRepl
 // ---------------------------------------------------------------------------
 // Run, served directly.
 
-// Each row is a request record ("" for none) that Run refuses, and the reply
-// records it leaves behind.
-TEST_F(RemoteAccessTest, RunRefusesWhatItCannotServeAndRepliesOnlyWithAStatusIfAtAll) {
-  const struct {
-    const char* why;
-    std::string request;
-    bool failReserve;
-    std::vector<std::string> reply;
-  } rows[] = {
-      {"no request", "", false, {}},
-      {"a request shorter than its op", std::string(2, '\0'), false, {}},
-      {"op 0", Oldest(ProxyBuffer(0, aRoot)), false, {}},
-      {"op 10", Oldest(ProxyBuffer(10, aRoot)), false, {}},
-      {"children beyond the count, refused before anything is allocated",
-       Oldest(ProxyBuffer(3, aRoot, 0xFFFFFFFFul)), false, {std::string("\x0a\0\0\0", 4)}},
-      {"a payload longer than its request: the echo method never runs",
-       Raw(9u) + Raw(echo.GetHandle()) + Raw(1000ul), false, {}},
-      {"a reply that cannot be allocated", Oldest(ProxyBuffer(2, aRoot, "")), true, {}},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.why);
-    StringBuffer request(row.request), reply;
-    reply.failReserve = row.failReserve;
-    EXPECT_FALSE(Serve(request, reply));
-    EXPECT_EQ(std::vector<std::string>(reply.records.begin(), reply.records.end()), row.reply);
-  }
-}
-
 // Requests in buffers of any class; a short one decodes as defaults: op 1
 // alone has start 0 and the empty path, which name the root.
 TEST_F(RemoteAccessTest, RunServesRequestsInBuffersOfAnyClass) {
@@ -533,10 +401,10 @@ TEST_F(RemoteAccessTest, RunServesRequestsInBuffersOfAnyClass) {
       {Raw(1u), aRoot},
   };
   for (const auto& [record, expected] : rows) {
-    StringBuffer request(record), reply;
+    HostBuffer request(record), reply;
     ASSERT_TRUE(Serve(request, reply)) << expected;
     ASSERT_EQ(reply.records.size(), 1u);
-    EXPECT_EQ(reply.records.front(), Raw(0u) + Raw(expected));
+    EXPECT_EQ(reply.Records().front(), Raw(0u) + Raw(expected));
   }
 }
 
@@ -553,49 +421,19 @@ TEST_F(RemoteAccessTest, CallsNestedIntoTheCommandMethodStopAtABoundedDepth) {
     return requests;
   };
   const auto shallow = nested(3);
-  StringBuffer reply;
+  HostBuffer reply;
   ASSERT_TRUE(Serve(*shallow.back(), reply));
   ASSERT_EQ(reply.records.size(), 1u);
-  EXPECT_EQ(reply.records.front().size(), 8u) << "the innermost count";
+  EXPECT_EQ(reply.Records().front().size(), 8u) << "the innermost count";
 
   const auto deep = nested(40);
-  StringBuffer none;
+  HostBuffer none;
   EXPECT_FALSE(Serve(*deep.back(), none));
   EXPECT_TRUE(none.records.empty());
 }
 
 // ---------------------------------------------------------------------------
 // The method's own faces.
-
-TEST_F(RemoteAccessTest, MethodDescribesItselfAsCommandAndAnswersItsNames) {
-  RemoteMethodDesc desc;
-  desc.m_name[0] = 'x';
-  desc.m_inputCount = 3;
-  desc.m_outputCount = 4;
-  command.GetRemoteMethodDesc(desc);
-  EXPECT_STREQ(desc.m_name, "command");
-  EXPECT_EQ(desc.m_inputCount, 0u);
-  EXPECT_EQ(desc.m_outputCount, 0u);
-
-  std::unique_ptr<IKTExtensionBase> made(ClientCommandMethod::Create());
-  auto* method = static_cast<ClientCommandMethod*>(made->CastTo("ClientCommandMethod"));
-  ASSERT_NE(method, nullptr);
-  EXPECT_EQ(dynamic_cast<IKTExtensionBase*>(method), made.get());
-  EXPECT_EQ(made->CastTo("IRemoteMethod"), static_cast<void*>(static_cast<IRemoteMethod*>(method)));
-  EXPECT_EQ(method->CastTo("IKTExtensionBase"), static_cast<void*>(made.get()));
-  EXPECT_EQ(method->CastTo("IConduit"), nullptr);
-  EXPECT_EQ(method->CastTo(nullptr), nullptr);
-  ProxyBuffer reply;
-  EXPECT_FALSE(method->Run(&reply, &reply)) << "without a client manager nothing is served";
-}
-
-TEST_F(RemoteAccessTest, LocalPeersAreFoundOnlyFromTheRoot) {
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), aRoot), aPeers);
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), metric), 0u);
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), 0), 0u);
-  delete a.GetRegistry().GetChild("peers", 0);
-  EXPECT_EQ(ClientCommandMethod::GetLocalPeers(clientA.get(), aRoot), 0u);
-}
 
 }  // namespace
 }  // namespace MetricsFramework

@@ -3,12 +3,24 @@
 #include <gtest/gtest.h>
 
 #include "state/consumer_state.h"
-#include "state_fakes.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {
 
 using namespace testing_fakes;
+
+// A consumer whose listener face is reached only through CastTo.
+class AskedListenerConsumer : public RecordingConsumer {
+ public:
+  void* CastTo(const char* name) override {
+    if (name != nullptr && std::string(name) == "IMetricStateListener") {
+      return static_cast<IMetricStateListener*>(&listener);
+    }
+    return RecordingConsumer::CastTo(name);
+  }
+  ListeningConsumer listener;
+};
 
 class MetricStateTest : public ::testing::Test {
  protected:
@@ -25,26 +37,6 @@ class MetricStateTest : public ::testing::Test {
 
   Registry registry;
 };
-
-TEST_F(MetricStateTest, DescriptionReadsBackWholeAndAvailable) {
-  const Metric::Description given = FullDescription("m");
-
-  MetricState* state = Make(given);
-  const Metric::Description back = *state;
-
-  EXPECT_EQ(back.flags, given.flags | Metric::kFlagAvailable);
-  EXPECT_EQ(back.id, given.id);
-  EXPECT_EQ(back.list1, given.list1);
-  EXPECT_EQ(back.uri, "m");
-  EXPECT_EQ(back.text5, given.text5);
-  EXPECT_EQ(back.text6, given.text6);
-  EXPECT_EQ(back.block[1], given.block[1]);
-  EXPECT_EQ(back.byte3, given.byte3);
-  EXPECT_EQ(back.word5, given.word5);
-  EXPECT_EQ(state->m_type, RESOURCE_TYPE_METRIC);
-  EXPECT_EQ(Make(FullDescription("probe", Metric::kFlagProbe))->m_type,
-            RESOURCE_TYPE_PROBE_METRIC);
-}
 
 TEST_F(MetricStateTest, BoundBitStaysUntilTheLastBindingGoes) {
   MetricState* state = Make(FullDescription("m"));

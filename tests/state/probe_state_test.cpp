@@ -5,18 +5,22 @@
 #include <cstring>
 
 #include "state/probe_type_state.h"
-#include "state_fakes.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {
 
 using namespace testing_fakes;
 
-class NullProbe : public Metrics::IProbe {
+// A publisher that offers no probe face at all.
+class PlainPublisher : public IPublisher {
  public:
-  KT_STATUS Begin(unsigned long, unsigned long, Metrics::EventType, void*) override { return 0; }
-  KT_STATUS End(unsigned long, Metrics::EventType, void*) override { return 0; }
-  KT_STATUS Handle() override { return 0; }
+  IBoundMetric* BindMetric(unsigned long, Path*, IReadWriteBuffer*, IBoundMetric**) override {
+    return nullptr;
+  }
+  void UnbindMetric(unsigned long, IBoundMetric*) override {}
+  void OnLoad() override {}
+  void OnUnload() override {}
 };
 
 class ProbeStateTest : public ::testing::Test {
@@ -39,7 +43,7 @@ class ProbeStateTest : public ::testing::Test {
   }
 
   Registry registry;
-  FakePublisher publisher;
+  CountingPublisher publisher;
   Path* node;
   PublisherState* state;
   EventLog events;
@@ -78,7 +82,7 @@ TEST_F(ProbeStateTest, TypeOverAnOrdinaryMetricFailsLinksNothingAndStillTells) {
 TEST_F(ProbeStateTest, EmptyTypePublishesAndMakesProbesUnderInstancesByAddress) {
   unsigned long type = 0;
   ASSERT_EQ(PublishType("t", {}, &type), KT_STATUS_SUCCESS);
-  NullProbe probe;
+  RecordingProbe probe;
   publisher.probeToMake = &probe;
   unsigned long site = 0;
 

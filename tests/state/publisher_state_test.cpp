@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "state/metric_state.h"
-#include "state_fakes.h"
+#include "support/harness.h"
 
 namespace MetricsFramework {
 namespace {
@@ -49,7 +49,7 @@ class PublisherStateTest : public ::testing::Test {
   }
 
   Registry registry;
-  FakePublisher publisher;
+  CountingPublisher publisher;
   Path* node;
   PublisherState* state;
   Path* conduit;
@@ -120,16 +120,6 @@ TEST_F(PublisherStateTest, TimeBasedMetricsAreListedInPublishOrder) {
   EXPECT_EQ(state->GetTimeBasedMetrics(), (std::vector<unsigned long>{b, c}));
 }
 
-TEST_F(PublisherStateTest, GroupOrderAndSetNamesAreReplacedWhole) {
-  state->PublishGroupOrder({"x", "y"});
-  state->PublishGroupOrder({"z"});
-  state->PublishSetNames({{1, "one"}, {2, "two"}});
-  state->PublishSetNames({{3, "three"}});
-
-  EXPECT_EQ(state->GetGroupOrder(), std::vector<std::string>{"z"});
-  EXPECT_EQ(state->GetSetNames(), (std::vector<std::pair<unsigned int, std::string>>{{3, "three"}}));
-}
-
 TEST_F(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAllBound) {
   const unsigned long a = Publish("a", {1, 2});
   const unsigned long shares = Publish("b", {2});
@@ -156,11 +146,11 @@ TEST_F(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAll
 
 TEST_F(PublisherStateTest, BindAttachesTheBufferAndUnbindGivesTheBoundMetricBack) {
   const unsigned long m = Publish("m");
-  FakeBuffer buffer;
+  HostBuffer buffer;
   IBoundMetric* bound = nullptr;
 
   ASSERT_EQ(state->Bind(m, conduit, &buffer, &bound), KT_STATUS_SUCCESS);
-  auto* fake = static_cast<FakeBoundMetric*>(bound);
+  auto* fake = static_cast<BoundMetric*>(bound);
   EXPECT_EQ(fake->attached, static_cast<IWriteBuffer*>(&buffer));
   EXPECT_TRUE(MetricAt(m)->m_description.flags & Metric::kFlagBound);
 

@@ -9,8 +9,9 @@
 #include <string>
 
 #include "state/conduit_state.h"
+#include "registry/registry.h"
 #include "state/consumer_state.h"
-#include "state_fakes.h"
+#include "support/fakes.h"
 #include "transport/queue_buffer.h"
 
 namespace MetricsFramework {

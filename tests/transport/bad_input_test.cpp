@@ -3,8 +3,7 @@
 // null time-based sample (docs/bad_input.md).
 #include <gtest/gtest.h>
 
-#include "state/state_fakes.h"
-#include "support/live_manager.h"
+#include "support/harness.h"
 #include "transport/local_conduit.h"
 #include "transport/queue_buffer.h"
 
@@ -49,9 +48,9 @@ class ConduitBadInputTest : public ::testing::Test {
   ConduitBadInputTest() {
     EXPECT_EQ(host.Add("pub", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(host.Add("con", &consumer), KT_STATUS_SUCCESS);
-    metric = Published(host.manager, &publisher, "m");
+    metric = host.Publish(&publisher, Describe("m"));
   }
-  FakePublisher publisher;
+  CountingPublisher publisher;
   RecordingConsumer consumer;
   LiveManager host;
   unsigned long metric = 0;
@@ -65,7 +64,7 @@ TEST_F(ConduitBadInputTest, LocalConduitRefusesNullOutputAndBuffersItDidNotMake)
             KT_STATUS_INVALID_OPERATION);  // not loaded by a manager
   EXPECT_EQ(Refusal(), "extensionManager");
 
-  FakeBuffer stranger;
+  HostBuffer stranger;
   conduit.DestroyBuffer(nullptr);
   conduit.DestroyBuffer(&stranger);  // not taken: the conduit would free it
   for (int i = 0; i < 17; ++i) {

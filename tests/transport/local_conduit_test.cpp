@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/fake_manager.h"
+#include "support/harness.h"
 #include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
@@ -78,18 +78,6 @@ TEST_F(LocalConduitTest, ReturnedBufferIsReusedLastEmptyAndBoundToItsNewBinding)
   EXPECT_EQ(manager.pushes[0].binding, 5u);
   EXPECT_EQ(manager.pushes[1].binding, 9u);
   EXPECT_EQ(manager.pushes[1].conduit, kConduitHandle);
-}
-
-TEST_F(LocalConduitTest, TransactReturnsExactlyTheDispatcherStatus) {
-  manager.dispatchStatus = 0x12345;
-  QueueBuffer request(0, nullptr, 0, 0, 0), reply(0, nullptr, 0, 0, 0);
-  EXPECT_EQ(conduit.Transact(77, &request, &reply), 0x12345u);
-  EXPECT_EQ(manager.dispatched.handle, 77u);
-  EXPECT_EQ(manager.dispatched.args, &request);
-  EXPECT_EQ(manager.dispatched.returns, &reply);
-
-  LocalConduit unloaded;
-  EXPECT_EQ(unloaded.Transact(77, &request, &reply), KT_STATUS_INVALID_OPERATION);
 }
 
 TEST_F(LocalConduitTest, ConcurrentCreateAndDestroyKeepEveryBufferOnce) {

@@ -1,0 +1,243 @@
+#include "support/fakes.h"
+
+#include <cstring>
+#include <new>
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/asan_interface.h>
+#endif
+#endif
+
+namespace MetricsFramework {
+namespace testing_fakes {
+
+KT_STATUS HostLoader::AddExtension(const char* name, IKTExtensionBase* extension,
+                                   const ExtensionBinaryDesc*) {
+  names[extension] = name;
+  return manager->Add(ExtensionBinaryDesc{}, name, dynamic_cast<IExtension*>(extension), this);
+}
+
+KT_STATUS HostLoader::RemoveExtension(IKTExtensionBase* extension) {
+  const std::string name = names[extension];
+  names.erase(extension);
+  return manager->Remove(ExtensionBinaryDesc{}, name.c_str(), dynamic_cast<IExtension*>(extension),
+                         this);
+}
+
+void BoundMetric::AttachBuffer(unsigned long conduit, IWriteBuffer* buffer) {
+  calls.push_back("attach " + std::to_string(conduit));
+  attached = buffer;
+}
+
+void BoundMetric::DetachBuffer(unsigned long conduit) {
+  calls.push_back("detach " + std::to_string(conduit));
+  attached = nullptr;
+}
+
+void BoundMetric::Flush(unsigned long conduit) { calls.push_back("flush " + std::to_string(conduit)); }
+
+IBoundMetric* CountingPublisher::BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
+                                            IBoundMetric**) {
+  ++binds;
+  if (refuseBinding) return nullptr;
+  bound.push_back(std::make_unique<BoundMetric>(metric));
+  return bound.back().get();
+}
+
+void CountingPublisher::UnbindMetric(unsigned long, IBoundMetric* metric) {
+  ++unbinds;
+  lastUnbound = metric;
+}
+
+Metrics::IProbe* CountingPublisher::CreateProbe(void*, unsigned long type) {
+  lastProbeType = type;
+  return probeToMake;
+}
+
+std::vector<IWriteBuffer*> CountingPublisher::WritersOf(unsigned long metric) const {
+  std::vector<IWriteBuffer*> writers;
+  for (const auto& b : bound) {
+    if (b->metric == metric && b->attached != nullptr) writers.push_back(b->attached);
+  }
+  return writers;
+}
+
+void RecordingConsumer::OnMetricUpdated(unsigned int count, unsigned long* handles,
+                                        const unsigned long* tags, const void** data,
+                                        unsigned long* sizes) {
+  received += count;
+  if (!keep) {
+    for (unsigned int i = 0; i < count; ++i) checksum += *static_cast<const unsigned char*>(data[i]);
+    return;
+  }
+  calls.emplace_back();
+  for (unsigned int i = 0; i < count; ++i) {
+    Sample sample{handles[i], tags[i], sizes == nullptr, ""};
+    if (sizes != nullptr) sample.bytes.assign(static_cast<const char*>(data[i]), sizes[i]);
+    samples.push_back(sample);
+    calls.back().push_back(sample);
+  }
+}
+
+void BatchedConsumer::OnBatchMetricUpdated(unsigned long handle, unsigned long tag,
+                                           const void* data) {
+  ++received;
+  if (data != nullptr) checksum += *static_cast<const unsigned char*>(data);
+  if (keep) batches.push_back({handle, tag, data != nullptr ? static_cast<const char*>(data) : ""});
+}
+
+KT_STATUS RecordingProbe::Begin(unsigned long a, unsigned long b, Metrics::EventType type,
+                                void* c) {
+  return Note(RecordingClientManager::Call("Begin", a, b, static_cast<unsigned int>(type), c));
+}
+
+KT_STATUS RecordingProbe::End(unsigned long a, Metrics::EventType type, void* c) {
+  return Note(RecordingClientManager::Call("End", a, static_cast<unsigned int>(type), c));
+}
+
+KT_STATUS RecordingProbe::OnChangeStateCommandList(void* a, void* b, Metrics::CommandListState s) {
+  return Note(RecordingClientManager::Call("Command", a, b, static_cast<unsigned int>(s)));
+}
+
+namespace {
+
+constexpr std::size_t kGuard = 8;
+
+void Guard(std::vector<char>& record, bool on) {
+  char* guard = record.data() + record.size() - kGuard;
+#if defined(__SANITIZE_ADDRESS__)
+  on ? ASAN_POISON_MEMORY_REGION(guard, kGuard) : ASAN_UNPOISON_MEMORY_REGION(guard, kGuard);
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+  on ? ASAN_POISON_MEMORY_REGION(guard, kGuard) : ASAN_UNPOISON_MEMORY_REGION(guard, kGuard);
+#endif
+#endif
+  (void)guard, (void)on;
+}
+
+}  // namespace
+
+HostBuffer::HostBuffer(const std::string& record) {
+  if (record.empty()) return;
+  void* block = Reserve(record.size());
+  std::memcpy(block, record.data(), record.size());
+  Commit(block);
+  reserved.clear();
+}
+
+HostBuffer::~HostBuffer() {
+  for (auto& record : records) Guard(record, false);
+}
+
+void HostBuffer::GetData(const void** data, unsigned long* size) const {
+  const bool none = records.empty() || nullData;
+  *data = none ? nullptr : records.front().data();
+  if (size == nullptr) return;
+  *size = nullData ? claimed : records.empty() ? 0 : records.front().size() - kGuard;
+}
+
+void HostBuffer::MakeAvailable(const void*) const {
+  ++releases;
+  if (records.empty()) return;
+  Guard(records.front(), false);
+  records.pop_front();
+}
+
+void* HostBuffer::Reserve(unsigned long size) {
+  reserved.push_back(size);
+  if (failReserve) throw std::bad_alloc();
+  if (refuse) return nullptr;
+  pending.emplace_back(size + kGuard, static_cast<char>(0xEE));
+  return pending.back().data();
+}
+
+void HostBuffer::Commit(void*) {
+  if (pending.empty()) return;
+  records.push_back(std::move(pending.front()));
+  pending.pop_front();
+  Guard(records.back(), true);
+}
+
+std::vector<std::string> HostBuffer::Records() const {
+  std::vector<std::string> texts;
+  for (const auto& r : records) texts.emplace_back(r.begin(), r.end() - kGuard);
+  return texts;
+}
+
+KT_STATUS FakeConduit::CreateBuffer(unsigned long, IReadWriteBuffer** out) {
+  if (createStatus != KT_STATUS_SUCCESS) return createStatus;
+  buffers.push_back(std::make_unique<HostBuffer>());
+  *out = buffers.back().get();
+  return KT_STATUS_SUCCESS;
+}
+
+bool RecordingMethod::Run(const IReadBuffer* args, IWriteBuffer* returns) {
+  ++runs;
+  const void* data = nullptr;
+  unsigned long size = 0;
+  args->GetData(&data, &size);
+  std::string text = reply;
+  if (data != nullptr) text.append(static_cast<const char*>(data), size);
+  void* block = returns->Reserve(text.size());
+  if (block == nullptr && !text.empty()) return false;
+  if (!text.empty()) std::memcpy(block, text.data(), text.size());
+  returns->Commit(block);
+  return result;
+}
+
+void RecordingMethod::GetRemoteMethodDesc(RemoteMethodDesc& desc) {
+  std::strncpy(desc.m_name, name.c_str(), sizeof(desc.m_name) - 1);
+  desc.m_inputCount = inputs;
+  desc.m_outputCount = outputs;
+}
+
+void RecordingLogger::Log(unsigned int level, const char* line) {
+  std::lock_guard<std::mutex> hold(mutex);
+  lines.push_back(std::to_string(level) + ":" + (line != nullptr ? line : "(null)"));
+}
+
+std::vector<std::string> RecordingLogger::Lines() {
+  std::lock_guard<std::mutex> hold(mutex);
+  return lines;
+}
+
+Metric::Description Describe(const std::string& uri, unsigned int tag, unsigned int group,
+                             unsigned int flags) {
+  Metric::Description d;
+  d.uri = uri;
+  d.word1 = tag;
+  d.word4 = group;
+  d.flags = flags;
+  return d;
+}
+
+Metric::Description FullDescription(const std::string& uri, unsigned int flags) {
+  Metric::Description d;
+  d.id = 17;
+  d.flags = flags | 0x100;
+  d.list1 = {1, 2};
+  d.word1 = 3;
+  d.word2 = 5;
+  d.byte1 = 6;
+  d.uri = uri;
+  d.text1 = "one";
+  d.text2 = "two";
+  d.text3 = "three";
+  d.text4 = "four";
+  d.text5 = "five";
+  d.word3 = 7;
+  d.text6 = "six";
+  d.byte2 = 8;
+  d.block[0] = 0x1111;
+  d.block[1] = 0x2222;
+  d.byte3 = 9;
+  d.word4 = 10;
+  d.word5 = 11;
+  return d;
+}
+
+}  // namespace testing_fakes
+}  // namespace MetricsFramework

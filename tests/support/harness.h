@@ -1,0 +1,189 @@
+// What the in-process tests share beyond the fakes: a stand-in for the
+// extension manager's routing, a loader that files extensions the way the
+// manager does, a manager and client manager wired as a host wires them, and
+// the table of refusals every public entry is checked with. This is the only
+// test header that reads the library's failure record.
+#ifndef KT_TESTS_SUPPORT_HARNESS_H_
+#define KT_TESTS_SUPPORT_HARNESS_H_
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/default_client_manager.h"
+#include "host/default_extension_manager.h"
+#include "registry/registry_manager.h"
+#include "registry/registry.h"
+#include "remote/client_command_method.h"
+#include "state/peer_state.h"
+#include "state/publisher_state.h"
+#include "support/fakes.h"
+
+namespace MetricsFramework {
+namespace testing_fakes {
+
+// The extension manager's routing and nothing else: it owns a Registry. A push
+// goes to the conduit state filed under the conduit's handle (with `route`),
+// or is recorded and (with `drain`) released. A dispatch is recorded and answered with
+// `dispatchStatus`. Every other entry does nothing.
+class FakeManager : public IRegistryManager {
+ public:
+  struct Push {
+    unsigned long conduit;
+    unsigned long binding;
+    std::string sample;
+  };
+  KT_STATUS PushDataToConsumers(unsigned long conduit, unsigned long binding,
+                                const IReadBuffer* data) override;
+  KT_STATUS DispatchRemoteMethod(unsigned long handle, const IReadBuffer*,
+                                 IWriteBuffer*) override {
+    dispatched = handle;
+    return dispatchStatus;
+  }
+  Registry& GetRegistry() override { return registry; }
+  void* CastTo(const char*) override { return nullptr; }
+  KT_STATUS Add(const ExtensionBinaryDesc&, const char*, IExtension*, IExtensionLoader*) override {
+    return 0;
+  }
+  KT_STATUS Remove(const ExtensionBinaryDesc&, const char*, IExtension*,
+                   IExtensionLoader*) override {
+    return 0;
+  }
+  KT_STATUS PublishMetric(IPublisher*, const Metric::Description&, unsigned long*) override {
+    return 0;
+  }
+  KT_STATUS UnpublishMetric(IPublisher*, unsigned long) override { return 0; }
+  KT_STATUS PublishGroupOrder(IPublisher*, std::vector<std::string>&) override { return 0; }
+  KT_STATUS PublishSetNames(IPublisher*,
+                            const std::vector<std::pair<unsigned int, std::string>>&) override {
+    return 0;
+  }
+  KT_STATUS PublishProbe(IProbePublisher*, const ProbeDesc&, unsigned long*) override { return 0; }
+  KT_STATUS UnpublishProbe(IProbePublisher*, unsigned long) override { return 0; }
+  void NotifyState(unsigned int, unsigned long, unsigned long) override {}
+  KT_STATUS Log(unsigned int, const char*, const char*, ...) override { return 0; }
+
+  Registry registry;
+  bool route = false;
+  bool drain = true;
+  std::vector<Push> pushes;
+  unsigned long dispatched = 0;
+  KT_STATUS dispatchStatus = KT_STATUS_SUCCESS;
+};
+
+// Files consumers under "consumers" and conduits under "conduits" with their
+// state objects and loads them, for tests of the client manager without an
+// extension manager; RemoveExtension deletes the node and unloads.
+class FilingLoader : public StubLoader {
+ public:
+  explicit FilingLoader(FakeManager& manager) : manager(manager) {}
+  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
+                         const ExtensionBinaryDesc*) override;
+  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override;
+  FakeManager& manager;
+  IClientManager* clientManager = nullptr;
+  KT_STATUS addStatus = KT_STATUS_SUCCESS;
+  std::vector<std::string> added;
+  std::vector<IKTExtensionBase*> removed;
+};
+
+// The far side of a peer mount: hands out a client manager, counts releases.
+class FakePeer : public IPeer {
+ public:
+  explicit FakePeer(IClientManager* clientManager = nullptr) : clientManager(clientManager) {}
+  void Release() override { ++releases; }
+  IClientManager* GetClientManager() override { return clientManager; }
+  IClientManager* clientManager;
+  int releases = 0;
+};
+
+// Keeps the state events a registry sends, as (event, handle).
+using Events = std::vector<std::pair<unsigned int, unsigned long>>;
+struct EventLog {
+  static void Record(void* context, unsigned int event, unsigned long a, unsigned long) {
+    static_cast<EventLog*>(context)->events.emplace_back(event, a);
+  }
+  void Listen(Registry& registry) { registry.AddStateListener(&EventLog::Record, this); }
+  Events events;
+};
+
+// A command method that serves with a given client manager (a manager built
+// directly, not through the export table, hands its extensions none).
+class LoadedCommandMethod : public ClientCommandMethod {
+ public:
+  void Load(IExtensionManager* manager, IClientManager*, unsigned long handle,
+            IExtensionLoader* loader) override {
+    ClientCommandMethod::Load(manager, client, handle, loader);
+  }
+  IClientManager* client = nullptr;
+};
+
+// An extension manager and its client manager wired as a host wires them.
+// Members are declared so that the client manager goes before the manager
+// whose registry it works on, and the extensions after both.
+struct LiveManager {
+  LiveManager();
+  KT_STATUS Add(const char* name, IExtension* extension) {
+    return manager.Add(ExtensionBinaryDesc{}, name, extension, &loader);
+  }
+  KT_STATUS Remove(const char* name, IExtension* extension) {
+    return manager.Remove(ExtensionBinaryDesc{}, name, extension, &loader);
+  }
+  Registry& registry() { return manager.GetRegistry(); }
+  // A handle of this registry that names no node.
+  unsigned long UnknownHandle();
+  // The payload of the node `handle` names, as a T; null when it is none.
+  template <typename T>
+  T* StateAt(unsigned long handle) {
+    Path* node = registry().ResolveHandle(handle);
+    return node != nullptr ? dynamic_cast<T*>(node->GetPayload()) : nullptr;
+  }
+  // Publishes `d` for `publisher`; its handle.
+  unsigned long Publish(IPublisher* publisher, const Metric::Description& d);
+
+  LoadedCommandMethod command;
+  DefaultExtensionManager manager;
+  HostLoader loader;
+  std::unique_ptr<DefaultClientManager> client;
+};
+
+// Publishes the metric `uri` with `flags` through a publisher's state; its
+// handle.
+inline unsigned long Published(PublisherState* state, const std::string& uri,
+                               unsigned int flags = 0) {
+  unsigned long handle = 0;
+  state->PublishMetric(Describe(uri, 1, 0xFFFFFFFF, flags), &handle);
+  return handle;
+}
+
+constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
+constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;
+
+// The argument the calling thread's last refusal named, then forgets it;
+// "(none)" when none was named since.
+std::string Refusal();
+constexpr const char* kNone = "(none)";
+
+// One row of a table of refusals: the call, the status it must return and the
+// argument its refusal must name (null where only the status can be seen, as
+// through the remote protocol).
+struct RefusalCase {
+  const char* entry;
+  std::function<KT_STATUS()> call;
+  KT_STATUS status;
+  const char* argument;
+};
+
+// Runs every row; a failure names the row's call.
+void ExpectRefusals(const std::vector<RefusalCase>& cases);
+
+}  // namespace testing_fakes
+}  // namespace MetricsFramework
+
+// A row named by the text of its call.
+#define REFUSAL(call, status, argument) \
+  ::MetricsFramework::testing_fakes::RefusalCase{#call, [&] { return call; }, status, argument}
+
+#endif  // KT_TESTS_SUPPORT_HARNESS_H_
