@@ -140,7 +140,12 @@ std::vector<Command> AddCommands(CLI::App& app, Options& options) {
   CLI::App* watch = app.add_subcommand("watch", "Show live samples of the available metrics");
   watch->add_option("--seconds", options.watch.seconds,
                     "How long to watch; 0 watches until SIGINT or SIGTERM")
-      ->check(CLI::NonNegativeNumber)
+      // CLI11's own range check would print the largest double as the bound.
+      ->check(CLI::Validator(
+          [](std::string& text) {
+            return text.find('-') == 0 ? std::string("must be 0 or more") : std::string();
+          },
+          "NONNEGATIVE"))
       ->capture_default_str();
   watch->add_option("--match", options.watch.match,
                     "Watch only metrics whose path contains TEXT; repeat to watch several")
