@@ -192,8 +192,10 @@ int WatchCommand(HostLoader& host, const WatchOptions& options) {
       view.Draw(console, status);
     }
   }
-  console->SetOutput(nullptr);
+  // Unsubscribed first, so that every sample counted in the summary was also
+  // printed: a sample that arrived between the two would be counted unseen.
   for (const Watched& metric : watched) client->UnsubscribeMetric(consumer, metric.handle);
+  console->SetOutput(nullptr);
   if (table) {
     char status[128];
     std::snprintf(status, sizeof status, "kt-host watch  stopped after %.1f s%s", elapsed,
