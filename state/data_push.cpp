@@ -9,9 +9,6 @@ namespace MetricsFramework {
 
 namespace {
 
-// The tag that marks a time-based sample to its consumers.
-constexpr unsigned long kTimeBasedTag = 199;
-
 // Gives back the oldest sample of `buffer`, which will not be delivered: left
 // queued, the metric would lag one sample behind forever.
 void ReleaseOldest(const IReadBuffer* buffer) {
@@ -313,7 +310,7 @@ void DataPush::Deliver(Cycle& cycle) {
 void DataPush::PushTimeBased(unsigned long metric, const void* data) {
   // Deliberately a fixed tag and no sizes: that marks a time-based sample.
   unsigned long handle = metric;
-  const unsigned long tag = kTimeBasedTag;
+  const unsigned long tag = kTimeBasedSampleTag;
   CallConsumers(1, &handle, &tag, &data, nullptr);
 }
 
