@@ -68,6 +68,22 @@ class PeerProcess {
     if (m_in >= 0) close(m_in);
     m_out = m_in = -1;
   }
+  // Closes the peer's input, which stops it, and waits at most five seconds
+  // for it to exit: its exit status, or -1 when it had to be killed.
+  int Quit() {
+    if (m_in >= 0) close(m_in);
+    m_in = -1;
+    for (const auto end = Clock::now() + std::chrono::seconds(5); m_pid > 0 && Clock::now() < end;) {
+      int status = 0;
+      if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        m_pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+      std::this_thread::sleep_for(milliseconds(10));
+    }
+    Kill();
+    return -1;
+  }
   bool Ready() const { return m_ready; }
   std::string Endpoint(size_t i = 0) const { return i < m_endpoints.size() ? m_endpoints[i] : ""; }
   const std::string& Answers() const { return m_answers; }
@@ -181,6 +197,7 @@ TEST_F(LinkTest, AnswersAcrossTheLinkEqualThoseOfTheServingProcess) {
   EXPECT_EQ(info.name, "remote");
   EXPECT_EQ(info.parent, PathHandle(host.Client(), "peers"));
   EXPECT_EQ(Remote("") >> 32, peer->Guid());
+  EXPECT_EQ(peer->Quit(), 0) << "the serving side stops cleanly, its threads joined";
 }
 
 TEST_F(LinkTest, OpsOutsideTheServePolicyAreRefused) {
