@@ -12,8 +12,10 @@
 #include <utility>
 #include <vector>
 
-namespace MetricsFramework {
-namespace net {
+namespace kt_net {
+
+using namespace MetricsFramework;
+
 namespace {
 
 constexpr const char* kZapEndpoint = "inproc://zeromq.zap.01";
@@ -290,5 +292,4 @@ void ZapHandler::Answer(void* requests) {
   }
 }
 
-}  // namespace net
-}  // namespace MetricsFramework
+}  // namespace kt_net

@@ -28,8 +28,7 @@
 
 #include "kt/status.h"
 
-namespace MetricsFramework {
-namespace net {
+namespace kt_net {
 
 // A key in Z85 text: 40 characters for its 32 bytes.
 constexpr size_t kCurveKeyLength = 40;
@@ -69,7 +68,7 @@ class CurveConfig {
   // file that cannot be read, a key that is not one, or a public key that does
   // not match the secret key given; KT_STATUS_DOES_NOT_EXIST for a key that
   // is not one of the four. Nothing changes on failure.
-  KT_STATUS Set(const char* key, const char* value, std::string* error);
+  MetricsFramework::KT_STATUS Set(const char* key, const char* value, std::string* error);
 
   // Whether a listener is a CURVE server, and a dialler a CURVE client.
   bool Serving() const { return !m_secretKey.empty(); }
@@ -143,7 +142,6 @@ class ZapHandler {
   std::atomic<unsigned long> m_refused{0};
 };
 
-}  // namespace net
-}  // namespace MetricsFramework
+}  // namespace kt_net
 
 #endif  // KT_NET_TRANSPORT_CURVE_H_

@@ -167,7 +167,7 @@ int KeygenCommand(const std::string& dir, const std::string& name) {
     return kCommandFailed;
   }
   std::string publicPath, secretPath, error;
-  if (!net::WriteKeyPair(dir, name, &publicPath, &secretPath, &error)) {
+  if (!kt_net::WriteKeyPair(dir, name, &publicPath, &secretPath, &error)) {
     std::fprintf(stderr, "kt-host: %s\n", error.c_str());
     return kCommandFailed;
   }

@@ -13,9 +13,10 @@
 
 #include "raw_zmq.h"
 
-namespace MetricsFramework {
-namespace net {
+namespace kt_net {
 namespace {
+
+using namespace MetricsFramework;
 
 using kt_net_test::Context;
 using kt_net_test::Socket;
@@ -150,5 +151,4 @@ TEST_F(CurveTest, ConfigurationRefusesKeysThatDoNotFit) {
 }
 
 }  // namespace
-}  // namespace net
-}  // namespace MetricsFramework
+}  // namespace kt_net
