@@ -36,6 +36,13 @@ State* StateAt(Path* node) {
   return node != nullptr ? dynamic_cast<State*>(node->GetPayload()) : nullptr;
 }
 
+// The client manager of the peer mounted at `node`, entered for one call;
+// empty when `node` holds no peer mount.
+PeerCall EnterPeerAt(Path* node) {
+  auto* state = StateAt<PeerState>(node);
+  return state != nullptr ? state->EnterCall() : PeerCall();
+}
+
 Path* NamedChild(Registry& registry, const char* branch, const char* name) {
   Path* parent = registry.GetChild(branch, 0);
   return parent != nullptr ? parent->GetChildNamed(name, 0) : nullptr;
@@ -55,11 +62,6 @@ KT_STATUS Guarded(Registry& registry, const char* call, unsigned long handle, Bo
   std::snprintf(shown, sizeof shown, "0x%lx", handle);
   return Fail(KT_STATUS_INVALID_OPERATION, call, node != nullptr ? node->GetName().c_str() : shown,
               ": ", what.c_str());
-}
-
-IClientManager* ClientManagerOf(PeerState* peer) {
-  if (peer == nullptr || peer->GetPeer() == nullptr) return nullptr;
-  return peer->GetPeer()->GetClientManager();
 }
 
 }  // namespace
@@ -101,9 +103,32 @@ ConduitState* DefaultClientManager::ConduitAt(unsigned long handle) const {
   return state != nullptr && state->m_conduit != nullptr ? state : nullptr;
 }
 
-IClientManager* DefaultClientManager::PeerFor(unsigned long handle) const {
-  IClientManager* peer = nullptr;
-  return GetProxyForComponent(handle, &peer) == KT_STATUS_SUCCESS ? peer : nullptr;
+PeerCall DefaultClientManager::PeerFor(unsigned long handle) const {
+  const unsigned long key = static_cast<unsigned long>(Registry::GetGuid(handle)) << 32;
+  Path* peers = m_registry.GetChild("peers", 0);
+  if (peers == nullptr) return PeerCall();
+  // Entered before the lock goes: an unmount detaches the node under it, so
+  // the mount cannot be freed under this call.
+  ReadGuard hold(peers->GetLock());
+  // A node under "peers" that is not a peer mount, or a mount without a
+  // client manager, cannot answer for anything.
+  return EnterPeerAt(peers->GetChild(key, 0));
+}
+
+PeerCall DefaultClientManager::PeerAt(Path* node) const {
+  Path* peers = m_registry.GetChild("peers", 0);
+  if (peers != nullptr) {
+    ReadGuard hold(peers->GetLock());
+    // Compared by address, not read: a mount detached since the walk may be
+    // gone.
+    bool filed = false;
+    peers->ForEachChild([&](Path* child) { filed = filed || child == node; });
+    if (filed) return EnterPeerAt(node);
+  }
+  // A mount filed elsewhere is taken as the walk found it.
+  const PathData* payload = node->GetPayload();
+  if (payload == nullptr || payload->m_type != RESOURCE_TYPE_PEER) return PeerCall();
+  return EnterPeerAt(node);
 }
 
 // ---------------------------------------------------------------------------
@@ -138,14 +163,9 @@ unsigned long DefaultClientManager::GetConduitHandle(unsigned long consumer,
 
 KT_STATUS DefaultClientManager::GetProxyForComponent(unsigned long handle,
                                                      IClientManager** out) const {
-  const unsigned long key = static_cast<unsigned long>(Registry::GetGuid(handle)) << 32;
-  Path* peers = m_registry.GetChild("peers", 0);
-  if (peers == nullptr) return KT_STATUS_INVALID_OBJECT;
-  // A node under "peers" that is not a peer mount, or a mount without a
-  // client manager, cannot answer for anything.
-  IClientManager* peer = ClientManagerOf(StateAt<PeerState>(peers->GetChild(key, 0)));
-  if (peer == nullptr) return KT_STATUS_INVALID_OBJECT;
-  *out = peer;
+  const PeerCall peer = PeerFor(handle);
+  if (!peer) return KT_STATUS_INVALID_OBJECT;
+  *out = peer.Get();
   return KT_STATUS_SUCCESS;
 }
 
@@ -181,7 +201,7 @@ KT_STATUS DefaultClientManager::__GetPath(unsigned long root, const char* pathna
   if (out_handle == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_handle");
   if (pathname == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "pathname", pathname);
   if (route) {
-    if (IClientManager* peer = PeerFor(root)) return peer->GetPath(root, pathname, out_handle);
+    if (const PeerCall peer = PeerFor(root)) return peer->GetPath(root, pathname, out_handle);
   }
   Path* start = ResolveOrRoot(root);
   if (start == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "root");
@@ -197,11 +217,8 @@ KT_STATUS DefaultClientManager::__GetPath(unsigned long root, const char* pathna
     return KT_STATUS_SUCCESS;
   }
   // The walk stopped at a peer mount: the rest of the path is the peer's.
-  const PathData* payload = found->GetPayload();
-  IClientManager* peer = payload != nullptr && payload->m_type == RESOURCE_TYPE_PEER
-                             ? ClientManagerOf(StateAt<PeerState>(found))
-                             : nullptr;
-  if (peer == nullptr) return Fail(KT_STATUS_DOES_NOT_EXIST, "root");
+  const PeerCall peer = PeerAt(found);
+  if (!peer) return Fail(KT_STATUS_DOES_NOT_EXIST, "root");
   unsigned long peerRoot = 0;
   peer->GetPath(0, "", &peerRoot);  // its status is deliberately not looked at
   return peer->GetPath(peerRoot, rest, out_handle);
@@ -210,7 +227,7 @@ KT_STATUS DefaultClientManager::__GetPath(unsigned long root, const char* pathna
 KT_STATUS DefaultClientManager::__GetChildCount(unsigned long parent, unsigned int* out_count,
                                                 bool route) const {
   if (route) {
-    if (IClientManager* peer = PeerFor(parent)) return peer->GetChildCount(parent, out_count);
+    if (const PeerCall peer = PeerFor(parent)) return peer->GetChildCount(parent, out_count);
   }
   if (out_count == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_count");
   Path* node = ResolveOrRoot(parent);
@@ -222,7 +239,7 @@ KT_STATUS DefaultClientManager::__GetChildCount(unsigned long parent, unsigned i
 KT_STATUS DefaultClientManager::__GetChildren(unsigned long parent, unsigned long* out_children,
                                               unsigned int count, bool route) const {
   if (route) {
-    if (IClientManager* peer = PeerFor(parent)) {
+    if (const PeerCall peer = PeerFor(parent)) {
       return peer->GetChildren(parent, out_children, count);
     }
   }
@@ -242,7 +259,7 @@ KT_STATUS DefaultClientManager::__GetChildren(unsigned long parent, unsigned lon
 KT_STATUS DefaultClientManager::__GetResourceInfo(unsigned long handle, ResourceInfo* out,
                                                   bool route) const {
   if (route) {
-    if (IClientManager* peer = PeerFor(handle)) return peer->GetResourceInfo(handle, out);
+    if (const PeerCall peer = PeerFor(handle)) return peer->GetResourceInfo(handle, out);
   }
   if (out == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_resource");
   Path* node = ResolveOrRoot(handle);
@@ -261,7 +278,7 @@ KT_STATUS DefaultClientManager::__GetMetricDescriptor(unsigned long metric,
                                                       Metric::Description* out_desc,
                                                       bool route) const {
   if (route) {
-    if (IClientManager* peer = PeerFor(metric)) return peer->GetMetricDescriptor(metric, out_desc);
+    if (const PeerCall peer = PeerFor(metric)) return peer->GetMetricDescriptor(metric, out_desc);
   }
   if (out_desc == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "out_desc");
   // No root default here: handle 0 is simply unknown.
@@ -373,10 +390,10 @@ KT_STATUS DefaultClientManager::__SubscribeMetric(unsigned long consumer, unsign
   }
   const unsigned long remote = state->m_conduit->GetRemoteHandle();
   const DataPush::Recorded recorded = RecordMetric(state, metric, full);
-  IClientManager* peer = full ? PeerFor(remote) : nullptr;
+  const PeerCall peer = full ? PeerFor(remote) : PeerCall();
   // The peer binds in its own process.
   const KT_STATUS status =
-      peer != nullptr ? peer->SubscribeMetric(consumer, metric) : BindHere(state, metric);
+      peer ? peer->SubscribeMetric(consumer, metric) : BindHere(state, metric);
   if (status != KT_STATUS_SUCCESS) {
     // A member that is not bound delivers nothing, and its group would wait
     // for it forever: what this call added to the group sets goes again. The
@@ -418,9 +435,9 @@ KT_STATUS DefaultClientManager::__UnsubscribeMetric(unsigned long consumer, unsi
     if (consumer == 0) return Fail(KT_STATUS_INVALID_ARGUMENT, "consumer");
     if (Resolve(consumer) == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "consumer");
   }
-  IClientManager* peer = full ? PeerFor(state->m_conduit->GetRemoteHandle()) : nullptr;
+  const PeerCall peer = full ? PeerFor(state->m_conduit->GetRemoteHandle()) : PeerCall();
   const KT_STATUS status =
-      peer != nullptr ? peer->UnsubscribeMetric(consumer, metric) : state->Unbind(metric);
+      peer ? peer->UnsubscribeMetric(consumer, metric) : state->Unbind(metric);
   // Intended: the consumer stays subscribed to the conduit, whatever the
   // result; a conduit subscription outlives the metric subscriptions. The
   // group is the one the membership names: the metric's own description may
@@ -483,7 +500,7 @@ KT_STATUS DefaultClientManager::__CallRemoteMethodSync(unsigned long conduit, un
   if (args == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "args");
   if (returns == nullptr) return Fail(KT_STATUS_INVALID_ARGUMENT, "returns");
   if (route) {
-    if (IClientManager* peer = PeerFor(method)) {
+    if (const PeerCall peer = PeerFor(method)) {
       return peer->CallRemoteMethodSync(method, args, returns);
     }
   }

@@ -29,6 +29,7 @@
 #include "kt/consumer.h"
 #include "registry/registry.h"
 #include "state/data_push.h"
+#include "state/peer_state.h"
 #include "transport/local_conduit.h"
 
 namespace MetricsFramework {
@@ -113,7 +114,9 @@ class DefaultClientManager : public IClientManager {
   // first use). 0 when there is none.
   unsigned long GetConduitHandle(unsigned long consumer, unsigned long target);
   // The client manager of the peer process that owns `handle`.
-  // KT_STATUS_INVALID_OBJECT (silently) when no peer owns it.
+  // KT_STATUS_INVALID_OBJECT (silently) when no peer owns it. The pointer is
+  // not held for the caller: a peer unmounted meanwhile may free it once the
+  // calls it is serving have left (kt/peer_mount.h).
   KT_STATUS GetProxyForComponent(unsigned long handle, IClientManager** out) const;
 
   Registry& GetRegistry() const { return m_registry; }
@@ -129,9 +132,13 @@ class DefaultClientManager : public IClientManager {
   Path* ResolveOrRoot(unsigned long handle) const;
   // The conduit state filed under `handle` (with its conduit); null otherwise.
   ConduitState* ConduitAt(unsigned long handle) const;
-  // The peer client manager that answers for `handle`; null for a handle of
-  // this process (or of a process that is not mounted under "peers").
-  IClientManager* PeerFor(unsigned long handle) const;
+  // The peer client manager that answers for `handle`, entered for one call;
+  // empty for a handle of this process (or of a process that is not mounted
+  // under "peers").
+  PeerCall PeerFor(unsigned long handle) const;
+  // The client manager of the peer mount `node` that a path walk stopped at,
+  // entered for one call; empty when `node` is no peer mount.
+  PeerCall PeerAt(Path* node) const;
   // Enters the metric's tag and group (from its description and its
   // publisher) in the conduit's push.
   DataPush::Recorded RecordMetric(ConduitState* state, unsigned long metric, bool full) const;

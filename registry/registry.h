@@ -19,14 +19,15 @@
 #include <atomic>
 #include <map>
 
+#include "kt/peer_mount.h"
 #include "registry/handle_index.h"
 #include "registry/path.h"
 
 namespace MetricsFramework {
 
 // The handle under which the client command method of any registry is filed
-// besides its own.
-constexpr unsigned long kClientCommandHandle = 0x00ABBAFABBAABBAFul;
+// besides its own (the public name is kCommandMethodHandle).
+constexpr unsigned long kClientCommandHandle = kCommandMethodHandle;
 
 // Folds the text of a MAC address ("00:11:22:33:44:55") into 32 bits:
 // b0 + b4 + (b1 << 8) + (b5 << 8) + (b2 << 16) + (b3 << 24). Reads at most six

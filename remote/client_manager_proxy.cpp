@@ -45,13 +45,24 @@ KT_STATUS ClientManagerProxy::Send(const ProxyBuffer& request, ProxyBuffer& repl
                                          &reply);
 }
 
-KT_STATUS ClientManagerProxy::Exchange(const ProxyBuffer& request, unsigned int replyCapacity,
-                                       void* out, unsigned int outSize) const {
-  ProxyBuffer reply(replyCapacity);
-  const KT_STATUS sent = Send(request, reply);
+KT_STATUS ClientManagerProxy::Answered(Answer answer, KT_STATUS sent, const ProxyBuffer& reply) {
+  const KT_STATUS status = reply.ReadBack(nullptr, 0);
   // Both statuses count: a failed transport with a stale reply is still a
   // failure, and so is a good transport with a failed operation.
-  return sent | reply.ReadBack(out, outSize);
+  if (answer == Answer::kJoined) return sent | status;
+  const void* record = nullptr;
+  unsigned long size = 0;
+  reply.GetData(&record, &size);
+  if (record != nullptr) return status;
+  return sent != KT_STATUS_SUCCESS ? sent : status;
+}
+
+KT_STATUS ClientManagerProxy::Exchange(const ProxyBuffer& request, unsigned int replyCapacity,
+                                       void* out, unsigned int outSize, Answer answer) const {
+  ProxyBuffer reply(replyCapacity);
+  const KT_STATUS status = Answered(answer, Send(request, reply), reply);
+  if (answer == Answer::kJoined || status == KT_STATUS_SUCCESS) reply.ReadBack(out, outSize);
+  return status;
 }
 
 // ---------------------------------------------------------------------------
@@ -78,17 +89,22 @@ KT_STATUS ClientManagerProxy::GetChildren(unsigned long parent, unsigned long* o
 }
 
 KT_STATUS ClientManagerProxy::GetResourceInfo(unsigned long handle, ResourceInfo* out) const {
+  return FetchResourceInfo(handle, out, Answer::kJoined);
+}
+
+KT_STATUS ClientManagerProxy::FetchResourceInfo(unsigned long handle, ResourceInfo* out,
+                                                Answer answer) const {
   ProxyBuffer reply(kResourceReplyCapacity);
-  const KT_STATUS sent = Send(ProxyBuffer(kOpGetResourceInfo, handle), reply);
+  const KT_STATUS status = Answered(answer, Send(ProxyBuffer(kOpGetResourceInfo, handle), reply),
+                                    reply);
+  if (status != KT_STATUS_SUCCESS) return status;
   // The record carries the name after its fixed part, so its size is only
   // known from the reply itself.
   const void* data = nullptr;
   unsigned long size = 0;
   reply.GetData(&data, &size);
   std::vector<unsigned char> record(size > 4 ? size - 4 : 0);
-  const KT_STATUS status =
-      sent | reply.ReadBack(record.data(), static_cast<unsigned int>(record.size()));
-  if (status != KT_STATUS_SUCCESS) return status;
+  reply.ReadBack(record.data(), static_cast<unsigned int>(record.size()));
   ResourceInfo info;
   // A reply without a whole record is no answer at all.
   if (!DecodeResourceInfo(record.data(), record.size(), &info)) {

@@ -100,13 +100,31 @@ class ClientManagerProxy : public IClientManager {
   unsigned long GetMountHandle() const { return m_mountHandle; }
   const std::string& GetName() const { return m_name; }
 
- private:
+ protected:
+  // How a forwarded call's result is made of the transport's status and the
+  // reply's.
+  enum class Answer {
+    // OR'ed, the reply's data copied whatever its status (this proxy).
+    kJoined,
+    // The reply's own status when a reply arrived, its data copied only on
+    // success; without a reply the transport's failure, or
+    // KT_STATUS_INVALID_OPERATION when the transport reported none.
+    kAsAnswered,
+  };
+
   // Sends `request` to the peer's command method, the reply landing in
   // `reply`; the transport's status.
   KT_STATUS Send(const ProxyBuffer& request, ProxyBuffer& reply) const;
-  // Send, then the reply's status (its data copied into `out`), OR'ed.
+  // Send, then the reply's status with its data copied into `out`.
   KT_STATUS Exchange(const ProxyBuffer& request, unsigned int replyCapacity, void* out,
-                     unsigned int outSize) const;
+                     unsigned int outSize, Answer answer = Answer::kJoined) const;
+  // Op 4 for `handle`, decoded into `out` (written only on success).
+  KT_STATUS FetchResourceInfo(unsigned long handle, ResourceInfo* out, Answer answer) const;
+  // The status of a reply as `answer` makes it, given the transport's.
+  static KT_STATUS Answered(Answer answer, KT_STATUS sent, const ProxyBuffer& reply);
+  unsigned long GetRemoteConduit() const { return m_remoteConduit; }
+
+ private:
   // Slot 9 or 10 of this proxy for every metric of a batch.
   KT_STATUS ForEachMetric(KT_STATUS (ClientManagerProxy::*operation)(unsigned long,
                                                                      unsigned long),
