@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=${1:-60}
-targets=(client_command proxy_buffer descriptor_blob path)
+targets=(client_command proxy_buffer descriptor_blob path net_frame)
 # The serving target builds a whole process per input, and a registry keeps
 # its "handles" node for good (tools/sanitizers/lsan.supp): a leak scan after
 # every input would take most of its time. It fuzzes without the scan, and
