@@ -100,18 +100,6 @@ struct TreePrinter {
       Subtree(handle, 2);
     }
   }
-
-  // The peers mounted under "peers", each with its registry.
-  void Mounted() {
-    unsigned long handle = 0;
-    ResourceInfo info{};
-    if (client->GetPath(0, "peers", &handle) != KT_STATUS_SUCCESS ||
-        client->GetResourceInfo(handle, &info) != KT_STATUS_SUCCESS || !seen.insert(handle).second) {
-      return;
-    }
-    Node(info, handle, 1, "  (mounted peers)");
-    Subtree(handle, 2);
-  }
 };
 
 void PrintPublisherLists(IClientManager* client, const Node& publisher) {
@@ -152,32 +140,16 @@ std::vector<Node> WalkAll(IClientManager* client) {
   return nodes;
 }
 
-namespace {
-
-// The metrics (ordinary and probe metrics) among `nodes`, once each, sorted by
-// path.
-std::vector<Node> MetricsAmong(const std::vector<Node>& nodes) {
+std::vector<Node> AllMetrics(IClientManager* client) {
   std::vector<Node> metrics;
   std::set<unsigned long> seen;
-  for (const Node& node : nodes) {
+  for (Node& node : WalkAll(client)) {
     const bool metric = node.info.kind == kResourceMetric || node.info.kind == kResourceProbeMetric;
     if (!node.link && metric && seen.insert(node.handle).second) metrics.push_back(node);
   }
   std::sort(metrics.begin(), metrics.end(),
             [](const Node& a, const Node& b) { return a.path < b.path; });
   return metrics;
-}
-
-}  // namespace
-
-std::vector<Node> AllMetrics(IClientManager* client) { return MetricsAmong(WalkAll(client)); }
-
-std::vector<Node> MountedMetrics(IClientManager* client) {
-  unsigned long peers = 0;
-  if (client->GetPath(0, "peers", &peers) != KT_STATUS_SUCCESS) return {};
-  std::vector<Node> nodes;
-  Walk(client, peers, "peers", &nodes);
-  return MetricsAmong(nodes);
 }
 
 int TreeCommand(HostLoader& host, bool all) {
@@ -194,15 +166,12 @@ int TreeCommand(HostLoader& host, bool all) {
   printer.Node(root, rootHandle, 0, "");
   printer.Subtree(0, 1);
   if (all) printer.Unlisted();
-  if (!all) printer.Mounted();
   return 0;
 }
 
 int MetricsCommand(HostLoader& host) {
   IClientManager* client = host.Client();
-  std::vector<Node> metrics = AllMetrics(client);
-  const std::vector<Node> mounted = MountedMetrics(client);
-  metrics.insert(metrics.end(), mounted.begin(), mounted.end());
+  const std::vector<Node> metrics = AllMetrics(client);
   std::printf("Metrics (%zu)\n", metrics.size());
   for (const Node& node : metrics) {
     Metric::Description desc;

@@ -34,10 +34,6 @@ std::vector<Node> WalkAll(MetricsFramework::IClientManager* client);
 // Every metric (ordinary and probe metric) once, sorted by path.
 std::vector<Node> AllMetrics(MetricsFramework::IClientManager* client);
 
-// The metrics of the peers mounted under "peers", sorted by path
-// ("peers/<name>/..."): a walk from the root does not enter the mounts.
-std::vector<Node> MountedMetrics(MetricsFramework::IClientManager* client);
-
 // The registry as a tree; with `all`, also the unlisted branches and the
 // "handles" index, which a plain walk does not show.
 int TreeCommand(HostLoader& host, bool all);
