@@ -8,3 +8,5 @@ add_library(kt_net_curve STATIC
   ${CMAKE_CURRENT_LIST_DIR}/curve.h)
 target_include_directories(kt_net_curve PUBLIC ${PROJECT_SOURCE_DIR})
 target_link_libraries(kt_net_curve PUBLIC kt_public_headers PkgConfig::ZMQ Threads::Threads)
+set_target_properties(kt_net_curve PROPERTIES CXX_VISIBILITY_PRESET hidden
+  VISIBILITY_INLINES_HIDDEN ON)

@@ -49,6 +49,15 @@ extern "C" {
 //                  for three of them is down
 //   "grace-ms"     how long a dead peer keeps its mount (5000); must exceed
 //                  deadline-ms
+//   "curve-secret-key" a file holding this process's CURVE secret key: every
+//                  listener then encrypts and admits only the keys of
+//                  "curve-allow"; also a dialler's own key
+//   "curve-public-key" a file holding the matching public key (checked; made
+//                  from the secret key when not given)
+//   "curve-server-key" a file holding the public key every dialled listener
+//                  must prove (needs "curve-secret-key")
+//   "curve-allow"  a file of the client public keys a CURVE listener admits,
+//                  one a line ('#' starts a comment)
 // KT_STATUS_INVALID_ARGUMENT, with the setting unchanged and one log line, for
 // a null or unknown key, a null value, or a value the key does not take (an
 // endpoint the engine refuses included, when the transport runs).
