@@ -302,6 +302,7 @@ void IoLoop::Receive(size_t socket) {
 
 void IoLoop::OnFrame(size_t socket, const std::string& routing, const unsigned char* data,
                      size_t size) {
+  ++m_frames;
   FrameHeader header;
   const unsigned char* body = nullptr;
   uint32_t bodySize = 0;

@@ -71,6 +71,14 @@ KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportConfigure(const char* key, c
 KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportGetEndpoint(unsigned int index, char* out,
                                                                unsigned int size);
 
+// Copies the running transport's counter `name` into *out: "frames", the
+// messages from peers that reached the frame decoder; "frame-errors", those
+// refused as malformed or out of place. KT_STATUS_INVALID_ARGUMENT for a null
+// argument or an unknown name; KT_STATUS_DOES_NOT_EXIST when no transport
+// runs.
+KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportGetCounter(const char* name,
+                                                              unsigned long* out);
+
 typedef MetricsFramework::KT_STATUS (*KTNetTransportConfigureFn)(const char*, const char*);
 typedef MetricsFramework::KT_STATUS (*KTNetTransportGetEndpointFn)(unsigned int, char*,
                                                                    unsigned int);
