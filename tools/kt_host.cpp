@@ -45,6 +45,7 @@ struct Options {
   NetOptions net;
   std::string netModule;  // the transport module's path, when net.Any()
   long serveSeconds = 0;
+  bool serving = false;  // serve does not wait for its dialled peers
   std::string keygenDir;
   std::string keygenName = "kt";
   std::vector<HostlessCommand> hostless;
@@ -186,6 +187,7 @@ void AddNetworkCommands(CLI::App& app, Options& options, std::vector<Command>* c
       ->capture_default_str();
   serve->callback([&options] {
     if (!options.net.Any()) throw CLI::ValidationError("serve", "needs --listen or --connect");
+    options.serving = true;
   });
   commands->push_back({serve, [&options](HostLoader& host) {
                          return ServeCommand(host, options.netModule, options.serveSeconds);
@@ -299,7 +301,7 @@ int main(int argc, char** argv) {
   }
   if (!host.OpenLibrary(library)) return Error(host.Error(), kUsageError);
   if (!host.AddOpenedModules()) return Error("an extension was refused; stopping", kUsageError);
-  if (options.net.Any()) WaitForDialledPeers(host, options.net.connect.size());
+  if (options.net.Any() && !options.serving) WaitForDialledPeers(host, options.net.connect.size());
   host.Manager()->Log(3, "kt-host", "kt-host: %u modules loaded", host.GetModuleCount());
 
   int status = -1;

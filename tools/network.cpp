@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "commands.h"
+#include "kt/net_transport.h"
 #include "kt/status.h"
 #include "net_transport/curve.h"
 
@@ -20,10 +21,7 @@ using namespace MetricsFramework;
 
 namespace {
 
-// The transport module's configuration functions (kt/net_transport.h),
-// looked up by name on its handle.
-using ConfigureFunction = KT_STATUS (*)(const char* key, const char* value);
-using GetEndpointFunction = KT_STATUS (*)(unsigned int index, char* out, unsigned int size);
+using CounterFunction = decltype(&KTNetTransportGetCounter);
 
 template <typename Function>
 Function Lookup(HostLoader& host, const std::string& modulePath, const char* name) {
@@ -104,7 +102,7 @@ void AddNetworkOptions(CLI::App& app, NetOptions& options) {
 bool ConfigureTransport(HostLoader& host, const std::string& modulePath,
                         const NetOptions& options) {
   const auto configure =
-      Lookup<ConfigureFunction>(host, modulePath, "KTNetTransportConfigure");
+      Lookup<KTNetTransportConfigureFn>(host, modulePath, "KTNetTransportConfigure");
   if (configure == nullptr) return false;
   for (const auto& setting : options.Settings()) {
     const KT_STATUS status = configure(setting.first.c_str(), setting.second.c_str());
@@ -139,7 +137,7 @@ void WaitForDialledPeers(HostLoader& host, size_t count) {
 
 int ServeCommand(HostLoader& host, const std::string& modulePath, long seconds) {
   const auto endpoint =
-      Lookup<GetEndpointFunction>(host, modulePath, "KTNetTransportGetEndpoint");
+      Lookup<KTNetTransportGetEndpointFn>(host, modulePath, "KTNetTransportGetEndpoint");
   if (endpoint == nullptr) return kCommandFailed;
   char text[512];
   for (unsigned int i = 0; endpoint(i, text, sizeof text) == KT_STATUS_SUCCESS; ++i) {
@@ -157,6 +155,12 @@ int ServeCommand(HostLoader& host, const std::string& modulePath, long seconds) 
                           .count();
     if (seconds > 0 && left <= 0) break;
     Nap(seconds > 0 && left < 200 ? left : 200);
+  }
+  const auto counter = Lookup<CounterFunction>(host, modulePath, "KTNetTransportGetCounter");
+  unsigned long frames = 0, errors = 0;
+  if (counter != nullptr && counter("frames", &frames) == KT_STATUS_SUCCESS &&
+      counter("frame-errors", &errors) == KT_STATUS_SUCCESS) {
+    std::printf("frames from peers %lu, refused %lu\n", frames, errors);
   }
   return 0;
 }
