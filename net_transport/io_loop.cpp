@@ -306,11 +306,21 @@ void IoLoop::OnFrame(size_t socket, const std::string& routing, const unsigned c
   FrameHeader header;
   const unsigned char* body = nullptr;
   uint32_t bodySize = 0;
-  if (!DecodeHeader(data, size, &header, &body, &bodySize) || header.version != kFrameVersion) {
+  if (!DecodeHeader(data, size, &header, &body, &bodySize)) {
     ++m_errors;
     return;
   }
   const bool listening = m_sockets[socket].listening;
+  if (header.version != kFrameVersion) {
+    // Only a hello is answered: the peer learns why it gets no welcome.
+    ++m_errors;
+    if (listening && header.type == FrameType::kHello) {
+      m_listener->Log("refused a peer speaking frame version " + std::to_string(header.version) +
+                      " (this side " + std::to_string(kFrameVersion) + ")");
+      SendOn(socket, routing, EncodeBye({ByeReason::kVersion, "another frame version"}));
+    }
+    return;
+  }
   Link* link = LinkAt(socket, routing);
   Hello hello;
   Bye bye;
