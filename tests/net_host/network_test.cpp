@@ -1,0 +1,200 @@
+// kt-host serving its registry to peers, met by a raw ZeroMQ client written
+// here from the frame layout alone (docs/net_frames.md): hostile messages,
+// three processes, and CURVE.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "raw_zmq.h"
+#include "served_host.h"
+
+namespace kt_net_test {
+namespace {
+
+constexpr uint64_t kCommand = 0x00ABBAFABBAABBAFull;
+constexpr uint8_t kHello = 1, kWelcome = 2, kRequest = 3, kReply = 4, kHeartbeat = 5;
+
+template <typename T>
+void Put(std::string& out, T value) {
+  out.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+template <typename T>
+T Get(const std::string& in, size_t at) {
+  T value{};
+  if (at + sizeof value <= in.size()) std::memcpy(&value, in.data() + at, sizeof value);
+  return value;
+}
+
+std::string Frame(uint8_t type, const std::string& body, uint64_t correlation = 0,
+                  uint32_t remaining = 0, uint8_t version = 1, uint32_t magic = 0x464E544Bu) {
+  std::string out;
+  Put(out, magic);
+  Put(out, version);
+  Put(out, type);
+  Put(out, uint16_t{0});
+  Put(out, correlation);
+  Put(out, remaining);
+  Put(out, static_cast<uint32_t>(body.size()));
+  return out + body;
+}
+
+std::string Hello(uint32_t guid, const std::string& name) {
+  std::string body;
+  Put(body, guid);
+  Put(body, uint32_t{1});
+  Put(body, uint64_t{0});
+  Put(body, static_cast<uint16_t>(name.size()));
+  return Frame(kHello, body + name);
+}
+
+std::string Request(uint64_t correlation, const std::string& record) {
+  std::string body;
+  Put(body, kCommand);
+  Put(body, static_cast<uint32_t>(record.size()));
+  return Frame(kRequest, body + record, correlation, 2000);
+}
+
+// A request record: the op, then the words given.
+std::string Record(uint32_t op, std::vector<uint64_t> words = {}, const std::string& tail = "") {
+  std::string out;
+  Put(out, op);
+  for (uint64_t word : words) Put(out, word);
+  return out + tail;
+}
+
+struct Reply {
+  bool arrived = false;
+  uint32_t status = 0;
+  std::vector<std::string> records;
+};
+
+class NetworkTest : public ::testing::Test {
+ protected:
+  // Says hello as registry `guid` and waits for the welcome.
+  static bool Handshake(Socket& peer, uint32_t guid) {
+    if (!peer.Send({Hello(guid, "raw")})) return false;
+    for (int i = 0; i < 50; ++i) {
+      const std::vector<std::string> got = peer.Receive(100);
+      if (got.size() == 1 && got[0].size() >= 24 && got[0][5] == kWelcome) return true;
+    }
+    return false;
+  }
+  // The reply of the call `correlation`, heartbeats and other frames skipped.
+  static Reply AwaitReply(Socket& peer, uint64_t correlation) {
+    Reply reply;
+    for (int i = 0; i < 50 && !reply.arrived; ++i) {
+      const std::vector<std::string> got = peer.Receive(100);
+      if (got.size() != 1 || got[0].size() < 32 || got[0][5] != kReply ||
+          Get<uint64_t>(got[0], 8) != correlation) {
+        continue;
+      }
+      const std::string& frame = got[0];
+      reply.arrived = true;
+      reply.status = Get<uint32_t>(frame, 24);
+      size_t at = 32;
+      for (uint32_t k = Get<uint32_t>(frame, 28); k > 0 && at + 4 <= frame.size(); --k) {
+        const uint32_t size = Get<uint32_t>(frame, at);
+        reply.records.push_back(frame.substr(at + 4, size));
+        at += 4 + size;
+      }
+    }
+    return reply;
+  }
+  // "frames from peers N, refused M" from a stopped host.
+  static void Counters(const ServedHost& host, unsigned long* frames, unsigned long* refused) {
+    const size_t at = host.Output().find("frames from peers ");
+    ASSERT_NE(at, std::string::npos) << host.Output();
+    std::sscanf(host.Output().c_str() + at, "frames from peers %lu, refused %lu", frames, refused);
+  }
+
+  Context context;
+};
+
+TEST_F(NetworkTest, HostileMessagesAreRefusedOrAnsweredAsTheProtocolSaysAndOthersStayServed) {
+  ServedHost host;
+  ASSERT_TRUE(host.Start({"serve", "--listen", "tcp://127.0.0.1:0", "--serve", "browse"}))
+      << host.Output();
+  Socket hostile(context, ZMQ_DEALER);
+  ASSERT_TRUE(hostile.Connect(host.Endpoint()));
+  ASSERT_TRUE(hostile.Send({Request(1, Record(4))}));  // before any hello
+  ASSERT_TRUE(Handshake(hostile, 0x0BAD0001));
+
+  std::string wrongLength = Request(2, Record(4, {0}));
+  wrongLength[20] += 1;
+  std::string recordPastBody = Request(3, Record(4, {0}));
+  recordPastBody[32] += 1;
+  std::string replyBody;
+  Put(replyBody, uint32_t{0});
+  Put(replyBody, uint32_t{0});
+  const uint32_t kOk = 0, kInvalidOperation = 4, kInvalidSize = 10;
+  struct Row {
+    const char* what;
+    std::string message;
+    bool malformed;             // refused and counted; no answer awaited
+    uint64_t correlation;       // 0: no answer awaited
+    uint32_t dispatch;          // the reply's dispatch status: 4 when the method failed
+    size_t records;             // how many reply records
+    uint32_t recordStatus;      // the first record's status word
+  };
+  const Row rows[] = {
+      {"empty message", "", true, 0, 0, 0, 0},
+      {"one byte", "K", true, 0, 0, 0, 0},
+      {"wrong magic", Frame(kHeartbeat, "", 0, 0, 1, 0x12345678), true, 0, 0, 0, 0},
+      {"wrong version", Frame(kHeartbeat, "", 0, 0, 9), true, 0, 0, 0, 0},
+      {"body length past the message", wrongLength, true, 0, 0, 0, 0},
+      {"record length past the body", recordPastBody, true, 0, 0, 0, 0},
+      {"reply to no call", Frame(kReply, replyBody, 0xDEAD), false, 0, 0, 0, 0},
+      {"op 4, record cut after the op: handle 0, the root", Request(10, Record(4)), false, 10,
+       kOk, 1, kOk},
+      {"op 1, text without NUL: the empty path", Request(11, Record(1, {0}, "publishers")), false,
+       11, kOk, 1, kOk},
+      {"op 0: no reply record", Request(12, Record(0, {0})), false, 12, kInvalidOperation, 0, 0},
+      {"op 10: no reply record", Request(13, Record(10, {0})), false, 13, kInvalidOperation, 0, 0},
+      {"op 3, count 0xFFFFFFFF", Request(14, Record(3, {0}, std::string("\xFF\xFF\xFF\xFF", 4))),
+       false, 14, kInvalidOperation, 1, kInvalidSize},
+      {"op 9 beyond browse", Request(15, Record(9, {kCommand, 0})), false, 15, kInvalidOperation,
+       0, 0},
+  };
+  size_t malformed = 0;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    ASSERT_TRUE(hostile.Send({Frame(kHeartbeat, "")}));
+    ASSERT_TRUE(hostile.Send({row.message}));
+    malformed += row.malformed;
+    if (row.correlation == 0) continue;
+    const Reply reply = AwaitReply(hostile, row.correlation);
+    ASSERT_TRUE(reply.arrived);
+    EXPECT_EQ(reply.status, row.dispatch);
+    ASSERT_EQ(reply.records.size(), row.records);
+    if (row.records > 0) {
+      EXPECT_EQ(Get<uint32_t>(reply.records[0], 0), row.recordStatus);
+    }
+  }
+  Socket oversized(context, ZMQ_DEALER);
+  ASSERT_TRUE(oversized.Connect(host.Endpoint()));
+  ASSERT_TRUE(oversized.Send({std::string((4u << 20) + 1, 'x')}));
+
+  Socket good(context, ZMQ_DEALER);
+  ASSERT_TRUE(good.Connect(host.Endpoint()));
+  ASSERT_TRUE(Handshake(good, 0x600D0001));
+  ASSERT_TRUE(good.Send({Request(99, Record(1, {0}, std::string("publishers", 11)))}));
+  const Reply reply = AwaitReply(good, 99);
+  ASSERT_TRUE(reply.arrived);
+  ASSERT_EQ(reply.records.size(), 1u);
+  EXPECT_EQ(Get<uint32_t>(reply.records[0], 0), kOk);
+  EXPECT_EQ(Get<uint64_t>(reply.records[0], 4) >> 32, host.Guid());
+
+  EXPECT_EQ(host.Stop(), 0);
+  unsigned long frames = 0, refused = 0;
+  Counters(host, &frames, &refused);
+  EXPECT_GE(refused, malformed);
+}
+
+}  // namespace
+}  // namespace kt_net_test
