@@ -77,9 +77,9 @@ struct Reply {
 class NetworkTest : public ::testing::Test {
  protected:
   // Says hello as registry `guid` and waits for the welcome.
-  static bool Handshake(Socket& peer, uint32_t guid) {
+  static bool Handshake(Socket& peer, uint32_t guid, int ms = 5000) {
     if (!peer.Send({Hello(guid, "raw")})) return false;
-    for (int i = 0; i < 50; ++i) {
+    for (int waited = 0; waited < ms; waited += 100) {
       const std::vector<std::string> got = peer.Receive(100);
       if (got.size() == 1 && got[0].size() >= 24 && got[0][5] == kWelcome) return true;
     }
@@ -194,6 +194,99 @@ TEST_F(NetworkTest, HostileMessagesAreRefusedOrAnsweredAsTheProtocolSaysAndOther
   unsigned long frames = 0, refused = 0;
   Counters(host, &frames, &refused);
   EXPECT_GE(refused, malformed);
+}
+
+// Runs kt-host with `args` to its end; its output.
+std::string RunHost(const std::string& args) {
+  std::string output;
+  FILE* pipe = popen((std::string(KT_HOST_PATH) + " " + args + " 2>&1").c_str(), "r");
+  if (pipe == nullptr) return output;
+  char chunk[4096];
+  for (size_t got; (got = std::fread(chunk, 1, sizeof chunk, pipe)) > 0;) output.append(chunk, got);
+  pclose(pipe);
+  return output;
+}
+
+TEST_F(NetworkTest, AHostDiallingTwoOthersListsBothUnderPeersWithDistinctNamesAndGuids) {
+  ServedHost first, second;
+  ASSERT_TRUE(first.Start({"serve", "--listen", "tcp://127.0.0.1:0"})) << first.Output();
+  ASSERT_TRUE(second.Start({"serve", "--listen", "tcp://127.0.0.1:0"})) << second.Output();
+
+  const std::string tree =
+      RunHost("--connect " + first.Endpoint() + " --connect " + second.Endpoint() + " tree");
+
+  // A mount's line: four spaces, its name, and a handle whose upper half is
+  // the peer's GUID.
+  std::set<std::string> names;
+  std::set<unsigned int> guids;
+  std::istringstream lines(tree);
+  for (std::string line; std::getline(lines, line);) {
+    char name[256];
+    unsigned int guid = 0;
+    if (line.compare(0, 4, "    ") == 0 && line[4] != ' ' &&
+        std::sscanf(line.c_str(), "%255s [node, kind 16] handle 0x%8x", name, &guid) == 2 &&
+        line.find("00000000") != std::string::npos) {
+      names.insert(name);
+      guids.insert(guid);
+    }
+  }
+  EXPECT_EQ(names.size(), 2u) << tree;
+  EXPECT_EQ(guids, (std::set<unsigned int>{first.Guid(), second.Guid()})) << tree;
+}
+
+// The key of a key file written by kt-host keygen.
+std::string KeyOf(const std::string& path) {
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    if (!line.empty() && line[0] != '#') return line;
+  }
+  return "";
+}
+
+TEST_F(NetworkTest, ACurveListenerDecodesNothingFromUnknownKeysOrPlainClients) {
+  TempDir keys;
+  for (const char* name : {"server", "client", "stranger"}) {
+    ASSERT_NE(RunHost("keygen " + keys.Path() + " --name " + name).find("public key"),
+              std::string::npos);
+  }
+  const std::string dir = keys.Path() + "/";
+  std::ofstream(dir + "allow") << KeyOf(dir + "client.public") << "\n";
+  ServedHost host;
+  ASSERT_TRUE(host.Start({"serve", "--listen", "tcp://127.0.0.1:0", "--curve-secret-key",
+                          dir + "server.secret", "--curve-allow", dir + "allow"}))
+      << host.Output();
+
+  struct Row {
+    const char* client;
+    const char* key;  // null: no CURVE
+    bool welcomed;
+  };
+  const Row rows[] = {{"unknown key", "stranger", false},
+                      {"plain client", nullptr, false},
+                      {"allowed key", "client", true}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.client);
+    Socket peer(context, ZMQ_DEALER);
+    if (row.key != nullptr) {
+      const std::string server = KeyOf(dir + "server.public");
+      const std::string pub = KeyOf(dir + row.key + ".public");
+      const std::string sec = KeyOf(dir + row.key + ".secret");
+      zmq_setsockopt(peer.Get(), ZMQ_CURVE_SERVERKEY, server.c_str(), server.size() + 1);
+      zmq_setsockopt(peer.Get(), ZMQ_CURVE_PUBLICKEY, pub.c_str(), pub.size() + 1);
+      zmq_setsockopt(peer.Get(), ZMQ_CURVE_SECRETKEY, sec.c_str(), sec.size() + 1);
+    }
+    ASSERT_TRUE(peer.Connect(host.Endpoint()));
+    EXPECT_EQ(Handshake(peer, 0x0C0C0001, row.welcomed ? 5000 : 1000), row.welcomed);
+  }
+
+  EXPECT_EQ(host.Stop(), 0);
+  unsigned long frames = 0, refused = 0;
+  Counters(host, &frames, &refused);
+  EXPECT_EQ(frames, 1u) << "only the allowed client's hello reaches the decoder";
+  const std::string& log = host.Output();
+  const std::string refusal = "refused CURVE key " + KeyOf(dir + "stranger.public");
+  EXPECT_NE(log.find(refusal), std::string::npos) << log;
+  EXPECT_EQ(log.find(refusal), log.rfind(refusal)) << "a refused key is logged once";
 }
 
 }  // namespace
