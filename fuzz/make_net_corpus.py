@@ -49,6 +49,26 @@ NET_FRAME = {
 }
 
 
+def record(op, *words, tail=b""):
+    return struct.pack("<I", op) + b"".join(struct.pack("<Q", w) for w in words) + tail
+
+
+NET_SERVE = {
+    "get_path": request(record(1, 0, tail=b"publishers/p\0")),
+    "get_path_no_nul": request(record(1, 0, tail=b"publishers")),
+    "child_count_root": request(record(2, 0, tail=b"\0")),
+    "children_root": request(record(3, 0, tail=struct.pack("<I", 4))),
+    "children_huge_count": request(record(3, 0, tail=struct.pack("<I", 0xFFFFFFFF))),
+    "resource_info_root": request(record(4, 0)),
+    "resource_info_short": request(record(4)),
+    "descriptor_unknown": request(record(5, 0x1234)),
+    "flush": request(record(8, 0)),
+    "call_command": request(record(9, COMMAND, 12, tail=record(4, 0))),
+    "op_zero": request(record(0, 0)),
+    "op_ten": request(record(10, 0)),
+}
+
+
 def write(target, seeds):
     out = os.path.join(HERE, "corpus", target)
     os.makedirs(out, exist_ok=True)
@@ -59,3 +79,4 @@ def write(target, seeds):
 
 if __name__ == "__main__":
     write("net_frame", NET_FRAME)
+    write("net_serve", NET_SERVE)

@@ -8,7 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/served_process.h"
+#include "kt/peer_mount.h"
 #include "net_transport/frame.h"
+#include "net_transport/net_settings.h"
+#include "net_transport/record_buffer.h"
 
 namespace kt_net {
 namespace fuzz {
@@ -73,6 +77,50 @@ int FuzzNetFrame(const uint8_t* data, size_t size) {
     std::memset(&expected[16], 0, 4);
   }
   Check(again == expected, "a decoded frame re-encodes to its own bytes");
+  return 0;
+}
+
+int FuzzNetServe(const uint8_t* data, size_t size) {
+  std::vector<unsigned char> message(data, data + size);
+  message.shrink_to_fit();
+  FrameHeader header;
+  const unsigned char* body = nullptr;
+  uint32_t bodySize = 0;
+  Request request;
+  if (!DecodeHeader(message.empty() ? nullptr : message.data(), size, &header, &body,
+                    &bodySize) ||
+      header.type != FrameType::kRequest || !DecodeRequest(body, bodySize, &request)) {
+    return 0;
+  }
+  uint32_t op = 0;
+  if (request.size >= sizeof op) std::memcpy(&op, request.record, sizeof op);
+  NetSettings settings;
+  settings.serve = ServePolicy::kFull;
+  if (request.method != MetricsFramework::kCommandMethodHandle || op == 0 ||
+      op > settings.LastServedOp()) {
+    return 0;
+  }
+  MetricsFramework::fuzz::ServedProcess process;
+  RecordBuffer in(std::string(reinterpret_cast<const char*>(request.record), request.size));
+  RecordBuffer out;
+  const bool served = process.Command().Run(&in, &out);
+  Reply reply{served ? 0u : 4u, {}};
+  for (const std::string& record : out.Records()) {
+    reply.records.push_back({reinterpret_cast<const unsigned char*>(record.data()),
+                             static_cast<uint32_t>(record.size())});
+  }
+  const std::string frame = EncodeReply(header.correlation, reply);
+  if (frame.empty()) return 0;  // too large for one frame: answered as out of resources
+  Reply back;
+  Check(DecodeHeader(frame.data(), frame.size(), &header, &body, &bodySize) &&
+            DecodeReply(body, bodySize, &back) && back.status == reply.status &&
+            back.records.size() == out.Records().size(),
+        "a reply frame decodes to what was served");
+  for (size_t i = 0; i < back.records.size(); ++i) {
+    Check(std::string(reinterpret_cast<const char*>(back.records[i].data), back.records[i].size) ==
+              out.Records()[i],
+          "every reply record crosses unchanged");
+  }
   return 0;
 }
 

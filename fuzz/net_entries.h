@@ -18,6 +18,14 @@ namespace fuzz {
 // deadline of frames that carry none) aside.
 int FuzzNetFrame(const uint8_t* data, size_t size);
 
+// The input as one message from a linked peer, served as the transport serves
+// it: decoded, checked against the serve policy "full" (the command method,
+// ops 1 to 9), its record dispatched to the command method of a freshly
+// populated process (fuzz/served_process.h) through the transport's record
+// buffers, and the reply records encoded as a reply frame. The reply frame
+// decodes to the records the method committed.
+int FuzzNetServe(const uint8_t* data, size_t size);
+
 }  // namespace fuzz
 }  // namespace kt_net
 

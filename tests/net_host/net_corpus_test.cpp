@@ -33,7 +33,8 @@ TEST_P(NetCorpusTest, EveryCommittedInputRunsClean) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Targets, NetCorpusTest,
-                         ::testing::Values(Target{"net_frame", &FuzzNetFrame}),
+                         ::testing::Values(Target{"net_frame", &FuzzNetFrame},
+                                           Target{"net_serve", &FuzzNetServe}),
                          [](const ::testing::TestParamInfo<Target>& info) {
                            return std::string(info.param.name);
                          });
