@@ -17,57 +17,6 @@
 namespace kt_net_test {
 namespace {
 
-constexpr uint64_t kCommand = 0x00ABBAFABBAABBAFull;
-constexpr uint8_t kHello = 1, kWelcome = 2, kRequest = 3, kReply = 4, kHeartbeat = 5;
-
-template <typename T>
-void Put(std::string& out, T value) {
-  out.append(reinterpret_cast<const char*>(&value), sizeof value);
-}
-template <typename T>
-T Get(const std::string& in, size_t at) {
-  T value{};
-  if (at + sizeof value <= in.size()) std::memcpy(&value, in.data() + at, sizeof value);
-  return value;
-}
-
-std::string Frame(uint8_t type, const std::string& body, uint64_t correlation = 0,
-                  uint32_t remaining = 0, uint8_t version = 1, uint32_t magic = 0x464E544Bu) {
-  std::string out;
-  Put(out, magic);
-  Put(out, version);
-  Put(out, type);
-  Put(out, uint16_t{0});
-  Put(out, correlation);
-  Put(out, remaining);
-  Put(out, static_cast<uint32_t>(body.size()));
-  return out + body;
-}
-
-std::string Hello(uint32_t guid, const std::string& name) {
-  std::string body;
-  Put(body, guid);
-  Put(body, uint32_t{1});
-  Put(body, uint64_t{0});
-  Put(body, static_cast<uint16_t>(name.size()));
-  return Frame(kHello, body + name);
-}
-
-std::string Request(uint64_t correlation, const std::string& record) {
-  std::string body;
-  Put(body, kCommand);
-  Put(body, static_cast<uint32_t>(record.size()));
-  return Frame(kRequest, body + record, correlation, 2000);
-}
-
-// A request record: the op, then the words given.
-std::string Record(uint32_t op, std::vector<uint64_t> words = {}, const std::string& tail = "") {
-  std::string out;
-  Put(out, op);
-  for (uint64_t word : words) Put(out, word);
-  return out + tail;
-}
-
 struct Reply {
   bool arrived = false;
   uint32_t status = 0;
@@ -76,15 +25,6 @@ struct Reply {
 
 class NetworkTest : public ::testing::Test {
  protected:
-  // Says hello as registry `guid` and waits for the welcome.
-  static bool Handshake(Socket& peer, uint32_t guid, int ms = 5000) {
-    if (!peer.Send({Hello(guid, "raw")})) return false;
-    for (int waited = 0; waited < ms; waited += 100) {
-      const std::vector<std::string> got = peer.Receive(100);
-      if (got.size() == 1 && got[0].size() >= 24 && got[0][5] == kWelcome) return true;
-    }
-    return false;
-  }
   // The reply of the call `correlation`, heartbeats and other frames skipped.
   static Reply AwaitReply(Socket& peer, uint64_t correlation) {
     Reply reply;
