@@ -70,11 +70,11 @@ NET_SERVE = {
 
 
 def write(target, seeds):
-    out = os.path.join(HERE, "corpus", target)
-    os.makedirs(out, exist_ok=True)
+    folder = os.path.join(HERE, "corpus", target)
+    os.makedirs(folder, exist_ok=True)
     for name, data in seeds.items():
-        with open(os.path.join(out, name), "wb") as f:
-            f.write(data)
+        with open(os.path.join(folder, name), "wb") as out:
+            out.write(data)
 
 
 if __name__ == "__main__":
