@@ -100,6 +100,12 @@ h1 = counter("BM_HandoffThreads/1/manual_time", "items_per_second")
 h2 = counter("BM_HandoffThreads/2/manual_time", "items_per_second")
 row("samples/s, 2 hand-off threads (the machine's ceiling)", h2 / 1e3, "k/s", "1 thread", h1 / 1e3)
 
+for kind in ("ipc", "tcp"):
+    link = ns("LinkRoundTrip/%s/real_time" % kind) / 1e3
+    bare = ns("BareRoundTrip/%s/real_time" % kind) / 1e3
+    row("GetResourceInfo round trip, %s link" % kind, link, "us",
+        "bare DEALER/ROUTER, same bytes", bare, "<= 1.5x", link / bare <= 1.5)
+
 header = ("figure", "value", "baseline", "ratio", "target", "result")
 print("| " + " | ".join(header) + " |")
 print("|" + "|".join("---" for _ in header) + "|")

@@ -9,12 +9,12 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds=${1:-60}
-targets=(client_command proxy_buffer descriptor_blob path)
+targets=(client_command proxy_buffer descriptor_blob path net_frame net_serve)
 # The serving target builds a whole process per input, and a registry keeps
 # its "handles" node for good (tools/sanitizers/lsan.supp): a leak scan after
 # every input would take most of its time. It fuzzes without the scan, and
 # its whole corpus is then replayed with it.
-declare -A leak_scan=([client_command]=0)
+declare -A leak_scan=([client_command]=0 [net_serve]=0)
 
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz

@@ -57,7 +57,11 @@ struct IoLoop::Link {
 };
 
 IoLoop::IoLoop(const NetSettings& settings, uint32_t guid, ILinkListener* listener)
-    : m_settings(settings), m_guid(guid), m_name(settings.OfferedName()), m_listener(listener) {}
+    : m_settings(settings),
+      m_guid(guid),
+      m_name(settings.OfferedName()),
+      m_listener(listener),
+      m_zap([listener](const std::string& line) { listener->Log(line); }) {}
 
 IoLoop::~IoLoop() { Stop(); }
 
@@ -66,6 +70,11 @@ bool IoLoop::Start(std::string* error) {
   m_wake = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (m_context == nullptr || m_wake < 0) {
     *error = "cannot start the messaging engine";
+    return false;
+  }
+  // The ZAP handler answers before the first CURVE listener binds.
+  if (!m_settings.curve.Check(!m_settings.listen.empty(), error)) return false;
+  if (m_settings.curve.Serving() && !m_zap.Start(m_context, m_settings.curve.Allowed(), error)) {
     return false;
   }
   m_nextBeat = Clock::now();
@@ -83,6 +92,7 @@ void IoLoop::Stop() {
     Post([this] { m_running = false; });
     m_thread.join();
   }
+  m_zap.Stop();
   if (m_context != nullptr) zmq_ctx_term(m_context);
   m_context = nullptr;
   std::lock_guard<std::mutex> hold(m_queueMutex);
@@ -292,6 +302,7 @@ void IoLoop::Receive(size_t socket) {
 
 void IoLoop::OnFrame(size_t socket, const std::string& routing, const unsigned char* data,
                      size_t size) {
+  ++m_frames;
   FrameHeader header;
   const unsigned char* body = nullptr;
   uint32_t bodySize = 0;

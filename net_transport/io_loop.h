@@ -30,6 +30,7 @@
 
 #include "kt/status.h"
 #include "net_transport/call_table.h"
+#include "net_transport/curve.h"
 #include "net_transport/frame.h"
 #include "net_transport/link_conduit.h"
 #include "net_transport/net_settings.h"
@@ -88,6 +89,8 @@ class IoLoop {
 
   // Frames that could not be decoded or came where they make no sense.
   uint64_t Errors() const { return m_errors.load(); }
+  // Messages that reached the frame decoder.
+  uint64_t Frames() const { return m_frames.load(); }
 
  private:
   struct Socket;
@@ -147,6 +150,8 @@ class IoLoop {
   uint64_t m_nextLink = 0;
   Clock::time_point m_nextBeat;
   std::atomic<uint64_t> m_errors{0};
+  std::atomic<uint64_t> m_frames{0};
+  ZapHandler m_zap;  // CURVE listeners' allow-list, with a thread of its own
 };
 
 }  // namespace kt_net

@@ -29,3 +29,8 @@ extern "C" KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportGetEndpoint(unsig
                                                                           unsigned int size) {
   return kt_net::NetTransport::GetEndpoint(index, out, size);
 }
+
+extern "C" KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportGetCounter(const char* name,
+                                                                         unsigned long* out) {
+  return kt_net::NetTransport::GetCounter(name, out);
+}

@@ -122,6 +122,7 @@ KT_STATUS ApplySetting(NetSettings& settings, const char* key, const char* value
   for (const Key& row : kKeys) {
     if (std::strcmp(row.name, key) == 0) return row.set(settings, value, error);
   }
+  if (CurveConfig::IsCurveKey(key)) return settings.curve.Set(key, value, error);
   return Refuse(error, std::string("unknown key: ") + key);
 }
 

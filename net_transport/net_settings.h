@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "kt/status.h"
+#include "net_transport/curve.h"
 
 namespace kt_net {
 
@@ -32,6 +33,7 @@ struct NetSettings {
   uint32_t deadlineMs = 2000;        // how long a call waits for its reply
   uint32_t heartbeatMs = 500;        // a heartbeat every this often; three missed: down
   uint32_t graceMs = 5000;           // how long a dead link keeps its mount; > deadlineMs
+  CurveConfig curve;                 // the CURVE keys ("curve-*"), when links are secured
   // The last op served under `serve`.
   uint32_t LastServedOp() const { return static_cast<uint32_t>(serve); }
   bool Mounts(bool dialled) const {

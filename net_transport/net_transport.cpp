@@ -67,6 +67,20 @@ KT_STATUS NetTransport::GetEndpoint(unsigned int index, char* out, unsigned int 
   return KT_STATUS_SUCCESS;
 }
 
+KT_STATUS NetTransport::GetCounter(const char* name, unsigned long* out) {
+  std::lock_guard<std::mutex> hold(g_mutex);
+  if (name == nullptr || out == nullptr) return KT_STATUS_INVALID_ARGUMENT;
+  if (g_running == nullptr) return KT_STATUS_DOES_NOT_EXIST;
+  if (std::strcmp(name, "frames") == 0) {
+    *out = g_running->m_io->Frames();
+  } else if (std::strcmp(name, "frame-errors") == 0) {
+    *out = g_running->m_io->Errors();
+  } else {
+    return KT_STATUS_INVALID_ARGUMENT;
+  }
+  return KT_STATUS_SUCCESS;
+}
+
 KT_STATUS NetTransport::AddEndpoint(bool listening, const std::string& endpoint,
                                     std::string* error) {
   return listening ? m_io->Listen(endpoint, error) : m_io->Connect(endpoint, error);

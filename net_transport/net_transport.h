@@ -57,6 +57,8 @@ class NetTransport : public MetricsFramework::IPublisher,
   // The running transport's resolved listening endpoint `index`
   // (KTNetTransportGetEndpoint).
   static MetricsFramework::KT_STATUS GetEndpoint(unsigned int index, char* out, unsigned int size);
+  // The running transport's counter `name` (KTNetTransportGetCounter).
+  static MetricsFramework::KT_STATUS GetCounter(const char* name, unsigned long* out);
 
   // No metric is published: every binding is refused.
   MetricsFramework::IBoundMetric* BindMetric(unsigned long, MetricsFramework::Path*,

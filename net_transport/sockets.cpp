@@ -46,6 +46,10 @@ void* MakeListeningSocket(void* context, const NetSettings& settings, std::strin
   // A reply to a peer that has gone fails at once instead of vanishing.
   const int one = 1;
   zmq_setsockopt(socket, ZMQ_ROUTER_MANDATORY, &one, sizeof one);
+  if (settings.curve.Serving() && !settings.curve.ApplyServer(socket, error)) {
+    zmq_close(socket);
+    return nullptr;
+  }
   return socket;
 }
 
@@ -60,6 +64,10 @@ void* MakeDiallingSocket(void* context, const NetSettings& settings, std::string
   zmq_setsockopt(socket, ZMQ_IMMEDIATE, &one, sizeof one);
   zmq_setsockopt(socket, ZMQ_RECONNECT_IVL, &reconnect, sizeof reconnect);
   zmq_setsockopt(socket, ZMQ_RECONNECT_IVL_MAX, &reconnectMax, sizeof reconnectMax);
+  if (settings.curve.Dialling() && !settings.curve.ApplyClient(socket, error)) {
+    zmq_close(socket);
+    return nullptr;
+  }
   return socket;
 }
 

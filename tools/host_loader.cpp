@@ -82,6 +82,13 @@ bool HostLoader::OpenModule(const std::string& path) {
   return true;
 }
 
+void* HostLoader::FindSymbol(const std::string& path, const char* name) const {
+  for (const auto& module : m_modules) {
+    if (module->path == path) return dlsym(module->handle, name);
+  }
+  return nullptr;
+}
+
 bool HostLoader::OpenLibrary(const std::string& path) {
   // RTLD_NODELETE: the registry's "handles" branch is freed by design only
   // with the process, and a leak checker can name its origin only while the

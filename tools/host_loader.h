@@ -53,6 +53,10 @@ class HostLoader : public MetricsFramework::IExtensionLoader {
   // everything the loader owns. Runs at most once; the destructor calls it.
   void Shutdown();
 
+  // The symbol `name` of the opened module at `path`; null when the module is
+  // not open or has no such symbol.
+  void* FindSymbol(const std::string& path, const char* name) const;
+
   const std::string& Error() const { return m_error; }
   MetricsFramework::IExtensionManager* Manager() const { return m_manager; }
   MetricsFramework::IClientManager* Client() const { return m_client; }

@@ -23,10 +23,17 @@
 
 #include "commands.h"
 #include "host_loader.h"
+#include "network.h"
 
 namespace {
 
 using namespace kt_host;
+
+// The sub-commands that run before anything is loaded (keygen).
+struct HostlessCommand {
+  CLI::App* app;
+  std::function<int()> run;
+};
 
 struct Options {
   std::string library;
@@ -35,6 +42,13 @@ struct Options {
   bool noExamples = false;
   bool all = false;
   WatchOptions watch;
+  NetOptions net;
+  std::string netModule;  // the transport module's path, when net.Any()
+  long serveSeconds = 0;
+  bool serving = false;  // serve does not wait for its dialled peers
+  std::string keygenDir;
+  std::string keygenName = "kt";
+  std::vector<HostlessCommand> hostless;
 };
 
 int Error(const std::string& message, int code) {
@@ -122,6 +136,8 @@ struct Command {
   std::function<int(HostLoader&)> run;
 };
 
+void AddNetworkCommands(CLI::App& app, Options& options, std::vector<Command>* commands);
+
 std::vector<Command> AddCommands(CLI::App& app, Options& options) {
   std::vector<Command> commands;
   CLI::App* tree = app.add_subcommand("tree", "Print the registry as a tree of its nodes");
@@ -158,7 +174,48 @@ std::vector<Command> AddCommands(CLI::App& app, Options& options) {
   commands.push_back({watch, [&options](HostLoader& host) {
                         return WatchCommand(host, options.watch);
                       }});
+  AddNetworkCommands(app, options, &commands);
   return commands;
+}
+
+void AddNetworkCommands(CLI::App& app, Options& options, std::vector<Command>* commands) {
+  CLI::App* serve = app.add_subcommand(
+      "serve", "Serve this host's registry to its peers until SIGINT or SIGTERM (needs "
+               "--listen or --connect)");
+  serve->add_option("--seconds", options.serveSeconds, "Stop after N seconds; 0 never")
+      ->check(CLI::NonNegativeNumber)
+      ->capture_default_str();
+  serve->callback([&options] {
+    if (!options.net.Any()) throw CLI::ValidationError("serve", "needs --listen or --connect");
+    options.serving = true;
+  });
+  commands->push_back({serve, [&options](HostLoader& host) {
+                         return ServeCommand(host, options.netModule, options.serveSeconds);
+                       }});
+
+  CLI::App* keygen = app.add_subcommand(
+      "keygen", "Write a new CURVE key pair: DIR/NAME.public and DIR/NAME.secret (mode 0600)");
+  keygen->add_option("DIR", options.keygenDir, "Where to write the keys (made when missing)")
+      ->required();
+  keygen->add_option("--name", options.keygenName, "The key files' name")->capture_default_str();
+  options.hostless.push_back({keygen, [&options] {
+                                return KeygenCommand(options.keygenDir, options.keygenName);
+                              }});
+  // The network options are the host's, also when given after a sub-command.
+  for (const Command& command : *commands) command.app->fallthrough();
+  keygen->fallthrough();
+}
+
+// The transport module: in the module directory when one is given or
+// installed, else where the build made it. Resolved, as ModuleList resolves.
+std::string NetModulePath(const Options& options) {
+  const std::string path =
+      options.moduleDir.empty()
+          ? FirstThatExists({std::string(KT_INSTALLED_MODULE_DIR "/") + kNetModuleFile,
+                             std::string(KT_BUILD_NET_MODULE_DIR "/") + kNetModuleFile})
+          : options.moduleDir + "/" + kNetModuleFile;
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) != nullptr ? resolved : path;
 }
 
 // Without a sub-command: the demonstration, each step unless a signal came.
@@ -202,6 +259,7 @@ int main(int argc, char** argv) {
   app.add_option("--module-dir", options.moduleDir,
                  "Where the example modules are (default: lib/kt/modules beside the program)")
       ->type_name("DIR");
+  AddNetworkOptions(app, options.net);
   app.require_subcommand(0, 1);
   app.footer(
       "Each command has its own --help. Exit status: 0 on success or when stopped by SIGINT or "
@@ -219,6 +277,13 @@ int main(int argc, char** argv) {
     return Error(std::string(error.what()) + " (try --help)", kUsageError);
   }
   CatchStopSignals();
+  for (const HostlessCommand& command : options.hostless) {
+    if (command.app->parsed()) return command.run();
+  }
+  if (options.net.Any()) {
+    options.netModule = NetModulePath(options);
+    options.modules.push_back(options.netModule);
+  }
 
   std::vector<std::string> modules;
   if (const int code = ModuleList(options, &modules)) return code;
@@ -231,8 +296,12 @@ int main(int argc, char** argv) {
   for (const std::string& module : modules) {
     if (!host.OpenModule(module)) return Error(host.Error(), kUsageError);
   }
+  if (options.net.Any() && !ConfigureTransport(host, options.netModule, options.net)) {
+    return kUsageError;
+  }
   if (!host.OpenLibrary(library)) return Error(host.Error(), kUsageError);
   if (!host.AddOpenedModules()) return Error("an extension was refused; stopping", kUsageError);
+  if (options.net.Any() && !options.serving) WaitForDialledPeers(host, options.net.connect.size());
   host.Manager()->Log(3, "kt-host", "kt-host: %u modules loaded", host.GetModuleCount());
 
   int status = -1;

@@ -49,6 +49,15 @@ extern "C" {
 //                  for three of them is down
 //   "grace-ms"     how long a dead peer keeps its mount (5000); must exceed
 //                  deadline-ms
+//   "curve-secret-key" a file holding this process's CURVE secret key: every
+//                  listener then encrypts and admits only the keys of
+//                  "curve-allow"; also a dialler's own key
+//   "curve-public-key" a file holding the matching public key (checked; made
+//                  from the secret key when not given)
+//   "curve-server-key" a file holding the public key every dialled listener
+//                  must prove (needs "curve-secret-key")
+//   "curve-allow"  a file of the client public keys a CURVE listener admits,
+//                  one a line ('#' starts a comment)
 // KT_STATUS_INVALID_ARGUMENT, with the setting unchanged and one log line, for
 // a null or unknown key, a null value, or a value the key does not take (an
 // endpoint the engine refuses included, when the transport runs).
@@ -61,6 +70,14 @@ KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportConfigure(const char* key, c
 // when `size` bytes cannot hold it. `out` is written only on success.
 KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportGetEndpoint(unsigned int index, char* out,
                                                                unsigned int size);
+
+// Copies the running transport's counter `name` into *out: "frames", the
+// messages from peers that reached the frame decoder; "frame-errors", those
+// refused as malformed or out of place. KT_STATUS_INVALID_ARGUMENT for a null
+// argument or an unknown name; KT_STATUS_DOES_NOT_EXIST when no transport
+// runs.
+KT_EXPORT MetricsFramework::KT_STATUS KTNetTransportGetCounter(const char* name,
+                                                              unsigned long* out);
 
 typedef MetricsFramework::KT_STATUS (*KTNetTransportConfigureFn)(const char*, const char*);
 typedef MetricsFramework::KT_STATUS (*KTNetTransportGetEndpointFn)(unsigned int, char*,
