@@ -134,9 +134,11 @@ std::string Sets(const std::vector<unsigned int>& ids) {
 
 }  // namespace
 
-std::vector<Node> WalkAll(IClientManager* client) {
+std::vector<Node> WalkAll(IClientManager* client) { return WalkFrom(client, 0, ""); }
+
+std::vector<Node> WalkFrom(IClientManager* client, unsigned long parent, const std::string& path) {
   std::vector<Node> nodes;
-  Walk(client, 0, "", &nodes);
+  Walk(client, parent, path, &nodes);
   return nodes;
 }
 
