@@ -126,7 +126,9 @@ std::string PrometheusText(const std::vector<Family>& families) {
     prometheus::MetricFamily made;
     const bool counter = family.type == kTypeCounter;
     made.name = counter ? family.name + "_total" : family.name;
-    made.help = family.help;
+    // prometheus-cpp 1.0 writes HELP unescaped: a backslash or a line break
+    // in it would break the format.
+    made.help = Escaped(family.help, false);
     made.type = counter ? prometheus::MetricType::Counter : prometheus::MetricType::Gauge;
     for (const FamilySample& sample : family.samples) {
       prometheus::ClientMetric metric;

@@ -40,7 +40,7 @@ class ExporterHttpTest : public ::testing::Test {
   ExporterHost host;
 };
 
-std::string Get(const std::string& path) {
+std::string Request(const std::string& path) {
   return "GET " + path + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
 }
 
@@ -55,11 +55,11 @@ TEST_F(ExporterHttpTest, EachPathAnswersAndBadRequestsAreRefused) {
       {"metrics", get + "\r\n", 200, "text/plain; version=0.0.4"},
       {"openmetrics", get + "Accept: application/openmetrics-text; version=1.0.0\r\n\r\n", 200,
        "application/openmetrics-text"},
-      {"api metrics", Get("/api/metrics"), 200, "application/json"},
-      {"tree", Get("/api/tree"), 200, "application/json"},
-      {"page", Get("/"), 200, "text/html"},
-      {"chart library", Get("/chart.js"), 200, "text/javascript"},
-      {"unknown path", Get("/metrics/x"), 404, "text/plain"},
+      {"api metrics", Request("/api/metrics"), 200, "application/json"},
+      {"tree", Request("/api/tree"), 200, "application/json"},
+      {"page", Request("/"), 200, "text/html"},
+      {"chart library", Request("/chart.js"), 200, "text/javascript"},
+      {"unknown path", Request("/metrics/x"), 404, "text/plain"},
       {"post", "POST /metrics HTTP/1.1\r\nContent-Length: 2\r\n\r\nab", 405, "text/plain"},
       {"large body", get + "Content-Length: 5000\r\n\r\n" + std::string(5000, 'x'), 413, "text/plain"},
       {"chunked body", get + "Transfer-Encoding: chunked\r\n\r\n5\r\nhello\r\n0\r\n\r\n", 413, "text/plain"},
