@@ -137,9 +137,10 @@ std::string Sets(const std::vector<unsigned int>& ids) {
 // and help.
 void PrintValueConvention(const Metric::Description& desc) {
   const ValueConvention::Encoding encoding = ValueConvention::EncodingOf(desc);
-  std::printf("  %-42s unit %s, %s, %s: %s\n", "", desc.text2.empty() ? "-" : desc.text2.c_str(),
+  std::printf("  %-42s unit %s: %s (%s, %s)\n", "", desc.text2.empty() ? "-" : desc.text2.c_str(),
+              desc.text1.empty() ? "-" : desc.text1.c_str(),
               ValueConvention::TypeOf(desc) == ValueConvention::kTypeCounter ? "counter" : "gauge",
-              ValueConvention::EncodingName(encoding), desc.text1.empty() ? "-" : desc.text1.c_str());
+              ValueConvention::EncodingName(encoding));
 }
 
 }  // namespace
