@@ -174,14 +174,15 @@ void ExporterHost::Start(ConventionPublisher* publisher, std::map<std::string, s
 }
 
 void ExporterHost::RemoveExporter() {
-  if (m_exporter == nullptr) return;
+  if (m_exporter == nullptr || m_removed) return;
   EXPECT_EQ(m_manager->Remove(ExtensionBinaryDesc{}, "Exporter", m_exporter, &m_loader), KT_STATUS_SUCCESS);
-  delete m_exporter;
-  m_exporter = nullptr;
+  m_removed = true;
 }
 
 void ExporterHost::Stop() {
   RemoveExporter();
+  delete m_exporter;
+  m_exporter = nullptr;
   if (m_publisher != nullptr) m_manager->Remove(ExtensionBinaryDesc{}, "Publisher", m_publisher, &m_loader);
   m_publisher = nullptr;
   delete client;

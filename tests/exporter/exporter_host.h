@@ -73,7 +73,7 @@ class ExporterHost {
   // (address 127.0.0.1:0 unless given), adds `publisher` and then the
   // exporter, and subscribes it to every metric of the publisher.
   void Start(ConventionPublisher* publisher, std::map<std::string, std::string> settings = {});
-  // Removes the exporter (it stops serving), then the publisher.
+  // Removes the exporter from the manager (it stops serving); Stop deletes it.
   void RemoveExporter();
   void Stop();
   ~ExporterHost() { Stop(); }
@@ -86,6 +86,7 @@ class ExporterHost {
   void* m_module = nullptr;
   MetricsFramework::IExtensionManager* m_manager = nullptr;
   MetricsFramework::IExtension* m_exporter = nullptr;
+  bool m_removed = false;
   ConventionPublisher* m_publisher = nullptr;
   MetricsFramework::testing_fakes::HostLoader m_loader;
   int m_port = 0;
