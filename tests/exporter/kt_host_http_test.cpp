@@ -30,12 +30,14 @@ TEST(KtHostHttpTest, WatchServesTheMachinesMetricsWhileItRuns) {
   Child host({KT_HOST_PATH, "watch", "--seconds", "30", "--format", "lines", "--http", "127.0.0.1:0"},
              log);
   int port = 0;
-  for (int tries = 0; tries < 200 && port == 0; ++tries) {
+  // Scraped once watch has subscribed too: the library's metric flags are
+  // written by a subscription without a lock that a description read takes.
+  for (int tries = 0; tries < 400 && ReadFile(log).find("Watching ") == std::string::npos; ++tries) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const std::string text = ReadFile(log);
-    const size_t at = text.find("exporter at http://127.0.0.1:");
-    if (at != std::string::npos) port = std::atoi(text.c_str() + at + 29);
   }
+  const std::string text = ReadFile(log);
+  const size_t at = text.find("exporter at http://127.0.0.1:");
+  if (at != std::string::npos) port = std::atoi(text.c_str() + at + 29);
   ASSERT_NE(port, 0) << ReadFile(log);
   std::string metrics;
   for (int tries = 0; tries < 100 && metrics.find("cpu_percent{") == std::string::npos; ++tries) {
