@@ -11,6 +11,7 @@
 #include "kt/client_manager.h"
 #include "kt/metric.h"
 #include "kt/status.h"
+#include "kt/value_convention.h"
 
 namespace kt_host {
 
@@ -132,11 +133,23 @@ std::string Sets(const std::vector<unsigned int>& ids) {
   return text.empty() ? "-" : text;
 }
 
+// What the value convention reads in the description: unit, type, encoding
+// and help.
+void PrintValueConvention(const Metric::Description& desc) {
+  const ValueConvention::Encoding encoding = ValueConvention::EncodingOf(desc);
+  std::printf("  %-42s unit %s: %s (%s, %s)\n", "", desc.text2.empty() ? "-" : desc.text2.c_str(),
+              desc.text1.empty() ? "-" : desc.text1.c_str(),
+              ValueConvention::TypeOf(desc) == ValueConvention::kTypeCounter ? "counter" : "gauge",
+              ValueConvention::EncodingName(encoding));
+}
+
 }  // namespace
 
-std::vector<Node> WalkAll(IClientManager* client) {
+std::vector<Node> WalkAll(IClientManager* client) { return WalkFrom(client, 0, ""); }
+
+std::vector<Node> WalkFrom(IClientManager* client, unsigned long parent, const std::string& path) {
   std::vector<Node> nodes;
-  Walk(client, 0, "", &nodes);
+  Walk(client, parent, path, &nodes);
   return nodes;
 }
 
@@ -180,10 +193,7 @@ int MetricsCommand(HostLoader& host) {
     std::printf("  %-42s handle 0x%016lx kind %lu tag %u group %s sets %s flags%s\n",
                 node.path.c_str(), node.handle, node.info.kind, desc.word1, group.c_str(),
                 Sets(desc.setIds).c_str(), Flags(desc.flags).c_str());
-    if (!desc.text1.empty() || !desc.text2.empty()) {
-      std::printf("  %-42s unit %s: %s\n", "", desc.text2.empty() ? "-" : desc.text2.c_str(),
-                  desc.text1.c_str());
-    }
+    PrintValueConvention(desc);
   }
   std::printf("Publishers\n");
   for (const Node& node : WalkAll(client)) {

@@ -31,6 +31,9 @@ struct Node {
 // Every node the walk from the root meets, depth first; links are listed but
 // not followed.
 std::vector<Node> WalkAll(MetricsFramework::IClientManager* client);
+// The same walk below `parent`, whose path is `path`.
+std::vector<Node> WalkFrom(MetricsFramework::IClientManager* client, unsigned long parent,
+                           const std::string& path);
 // Every metric (ordinary and probe metric) once, sorted by path.
 std::vector<Node> AllMetrics(MetricsFramework::IClientManager* client);
 

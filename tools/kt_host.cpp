@@ -24,6 +24,7 @@
 #include "commands.h"
 #include "host_loader.h"
 #include "network.h"
+#include "http_export.h"
 
 namespace {
 
@@ -49,6 +50,7 @@ struct Options {
   std::string keygenDir;
   std::string keygenName = "kt";
   std::vector<HostlessCommand> hostless;
+  std::string http;  // --http: the exporter's address; "" for no exporter
 };
 
 int Error(const std::string& message, int code) {
@@ -260,6 +262,12 @@ int main(int argc, char** argv) {
                  "Where the example modules are (default: lib/kt/modules beside the program)")
       ->type_name("DIR");
   AddNetworkOptions(app, options.net);
+  app.add_option("--http", options.http,
+                 "Also serve the metrics over HTTP at ADDRESS (HOST:PORT, e.g. 127.0.0.1:9464; "
+                 "port 0 picks a free one): Prometheus at /metrics, live charts at /")
+      ->type_name("ADDRESS");
+  // Global options may also follow the command (kt-host watch --http ...).
+  app.fallthrough();
   app.require_subcommand(0, 1);
   app.footer(
       "Each command has its own --help. Exit status: 0 on success or when stopped by SIGINT or "
@@ -298,11 +306,19 @@ int main(int argc, char** argv) {
   }
   if (options.net.Any() && !ConfigureTransport(host, options.netModule, options.net)) {
     return kUsageError;
+  const std::string exporter = FirstThatExists(
+      {options.moduleDir.empty() ? KT_INSTALLED_EXPORTER : options.moduleDir + "/" KT_EXPORTER_FILE,
+       KT_INSTALLED_EXPORTER, KT_BUILD_EXPORTER});
+  if (!options.http.empty()) {
+    if (const int code = OpenExporter(host, exporter, options.http)) return code;
   }
   if (!host.OpenLibrary(library)) return Error(host.Error(), kUsageError);
   if (!host.AddOpenedModules()) return Error("an extension was refused; stopping", kUsageError);
   if (options.net.Any() && !options.serving) WaitForDialledPeers(host, options.net.connect.size());
   host.Manager()->Log(3, "kt-host", "kt-host: %u modules loaded", host.GetModuleCount());
+  if (!options.http.empty()) {
+    if (const int code = ServeHttp(host, exporter)) return code;
+  }
 
   int status = -1;
   for (const Command& command : commands) {

@@ -15,6 +15,7 @@
 #include "commands.h"
 #include "console_consumer/console_consumer.h"
 #include "kt/metric.h"
+#include "kt/value_convention.h"
 
 namespace kt_host {
 
@@ -28,6 +29,7 @@ struct Watched {
   unsigned long handle;
   std::string path;
   std::string unit;
+  bool integer;  // printed without decimals, by the value convention
 };
 
 // The terminal's width in columns; 80 when it cannot be told.
@@ -74,9 +76,9 @@ class Table {
         std::snprintf(line, sizeof line, "%-*s %5s %12s %-6s %8d", static_cast<int>(nameWidth),
                       name.c_str(), "-", "-", unit.c_str(), 0);
       } else {
-        std::snprintf(line, sizeof line, "%-*s %5lu %12.2f %-6s %8lu", static_cast<int>(nameWidth),
-                      name.c_str(), it->second.tag, it->second.value, unit.c_str(),
-                      it->second.received);
+        std::snprintf(line, sizeof line, "%-*s %5lu %12.*f %-6s %8lu", static_cast<int>(nameWidth),
+                      name.c_str(), it->second.tag, metric.integer ? 0 : 2, it->second.value,
+                      unit.c_str(), it->second.received);
       }
       lines.push_back(line);
     }
@@ -109,12 +111,14 @@ std::vector<Watched> Subscribe(IClientManager* client, IConsoleConsumer* console
     if ((desc.flags & Metric::kFlagAvailable) == 0 || !Matches(node.path, match)) continue;
     console->SetName(node.handle, node.path);
     console->SetUnit(node.handle, desc.text2);
+    console->SetEncoding(node.handle, desc.byte1);
     const KT_STATUS status = client->SubscribeMetric(consumer, node.handle);
     if (status != KT_STATUS_SUCCESS) {
       std::fprintf(stderr, "kt-host: subscribing to %s: %s\n", node.path.c_str(), StatusName(status));
       continue;
     }
-    watched.push_back({node.handle, node.path, desc.text2});
+    watched.push_back({node.handle, node.path, desc.text2,
+                       ValueConvention::IsInteger(ValueConvention::EncodingOf(desc))});
   }
   return watched;
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 //
 // ConsoleConsumer: prints every sample it receives (time, name or handle, tag,
-// the value as a double and its unit) as a line of text, JSON or CSV, and
+// the value read by the value convention and its unit) as a line of text,
+// JSON or CSV, and
 // keeps the latest value of each metric for the host, which reads them
 // through IConsoleConsumer.
 #include "console_consumer.h"
@@ -16,6 +17,7 @@
 
 #include "kt/consumer.h"
 #include "kt/export_table.h"
+#include "kt/value_convention.h"
 #include "kt/visibility.h"
 
 namespace {
@@ -64,9 +66,9 @@ class ConsoleConsumer : public IConsumer, public kt_examples::IConsoleConsumer {
     ++m_updates;
     for (unsigned int i = 0; i < count; ++i) {
       double value = std::nan("");
-      // A time-based sample comes without sizes; the publisher's samples are
-      // doubles either way.
-      if (sizes == nullptr || sizes[i] == sizeof(double)) std::memcpy(&value, data[i], sizeof value);
+      // A time-based sample comes without sizes.
+      const unsigned long size = sizes != nullptr ? sizes[i] : ValueConvention::kSizeNotGiven;
+      ValueConvention::Decode(m_labels[handles[i]].encoding, data[i], size, &value);
       Record(handles[i], tags[i], value);
     }
     if (m_out != nullptr) std::fflush(m_out);
@@ -88,6 +90,10 @@ class ConsoleConsumer : public IConsumer, public kt_examples::IConsoleConsumer {
     std::lock_guard<std::mutex> hold(m_mutex);
     m_format = format;
   }
+  void SetEncoding(unsigned long handle, unsigned char encoding) override {
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_labels[handle].encoding = static_cast<ValueConvention::Encoding>(encoding);
+  }
   std::vector<LatestSample> Latest() override {
     std::lock_guard<std::mutex> hold(m_mutex);
     return m_latest;
@@ -101,6 +107,7 @@ class ConsoleConsumer : public IConsumer, public kt_examples::IConsoleConsumer {
   struct Label {
     std::string name;
     std::string unit;
+    ValueConvention::Encoding encoding = ValueConvention::kEncodingDouble;
   };
 
   // The caller holds m_mutex.
@@ -127,7 +134,10 @@ class ConsoleConsumer : public IConsumer, public kt_examples::IConsoleConsumer {
     }
     const std::string time = TimeStamp();
     char number[32] = "null";
-    if (!std::isnan(value)) std::snprintf(number, sizeof number, "%.3f", value);
+    if (!std::isnan(value)) {
+      std::snprintf(number, sizeof number, ValueConvention::IsInteger(label.encoding) ? "%.0f" : "%.3f",
+                    value);
+    }
     switch (m_format) {
       case SampleFormat::kJson:
         std::fprintf(m_out, "{\"time\":\"%s\",\"metric\":%s,\"handle\":\"0x%016lx\",\"tag\":%lu,"

@@ -22,7 +22,7 @@ namespace kt_examples {
 struct LatestSample {
   unsigned long handle = 0;
   unsigned long tag = 0;
-  double value = 0;            // NaN when the sample was not 8 bytes
+  double value = 0;            // NaN when the value convention cannot read the sample
   unsigned long received = 0;  // how many samples of the metric arrived
 };
 
@@ -49,6 +49,10 @@ class IConsoleConsumer {
   virtual void SetUnit(unsigned long handle, const std::string& unit) = 0;
   // Slot 5: how samples are printed from now on; kLines until set.
   virtual void SetFormat(SampleFormat format) = 0;
+  // Slot 6: how the samples of `handle` are read (the description's byte1,
+  // include/kt/value_convention.h); a double until set. Integers are printed
+  // without decimals.
+  virtual void SetEncoding(unsigned long handle, unsigned char encoding) = 0;
 
  protected:
   ~IConsoleConsumer() = default;  // the module owns the object

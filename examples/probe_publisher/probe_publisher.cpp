@@ -8,7 +8,9 @@
 // publisher owns every probe it makes and frees them when it is unloaded or
 // destroyed: DestroyProbe removes a probe's site from the registry but does
 // not tell the publisher. A probe's Handle writes the probe's count of events,
-// as a double, into every buffer the probe metric is bound to.
+// as a double, into every buffer the probe metric is bound to. The metric
+// follows the value convention (include/kt/value_convention.h): a double
+// gauge, help in text1, unit in text2.
 //
 // Threads: probes are called on the clients' threads; the publisher's state is
 // guarded by one mutex, which DetachBuffer takes.
@@ -22,6 +24,7 @@
 #include "kt/extension_manager.h"
 #include "kt/metric.h"
 #include "kt/probe.h"
+#include "kt/value_convention.h"
 #include "kt/visibility.h"
 
 namespace {
@@ -102,6 +105,8 @@ class ProbePublisher : public IProbePublisher {
     desc.word1 = kProbeMetricTag;
     desc.text1 = "events counted by the probe that was last handled";
     desc.text2 = "events";
+    desc.byte1 = ValueConvention::kEncodingDouble;
+    desc.byte2 = ValueConvention::kTypeGauge;
     IExtensionManager* manager = GetExtensionManager();
     if (manager->PublishMetric(this, desc, &m_metric) != KT_STATUS_SUCCESS) return;
     ProbeDesc probe{};

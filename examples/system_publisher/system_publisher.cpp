@@ -5,9 +5,11 @@
 // default).
 //
 // All metrics form group 1, so a consumer receives one consistent snapshot per
-// period in one call. Each sample is the value as a double (8 bytes). The
-// description carries the tag in word1, a one-line explanation in text1 and
-// the unit in text2.
+// period in one call. The metrics follow the value convention
+// (include/kt/value_convention.h): each sample is the value as a double (8
+// bytes, byte1 0), each metric a gauge (byte2 0), with a one-line explanation
+// in text1 and the unit in text2; the description also carries the tag in
+// word1.
 //
 // Threads: OnLoad starts the sampling thread and OnUnload (or the destructor)
 // stops and joins it. The bound metrics are guarded by one mutex, which the
@@ -29,6 +31,7 @@
 #include "kt/extension_manager.h"
 #include "kt/metric.h"
 #include "kt/publisher.h"
+#include "kt/value_convention.h"
 #include "kt/visibility.h"
 #include "proc_stats.h"
 
@@ -136,6 +139,8 @@ class SystemPublisher : public IPublisher {
       desc.setIds = {kSet};
       desc.text1 = kMetrics[i].text;
       desc.text2 = kMetrics[i].unit;
+      desc.byte1 = ValueConvention::kEncodingDouble;
+      desc.byte2 = ValueConvention::kTypeGauge;
       manager->PublishMetric(this, desc, &m_handles[i]);
     }
     std::vector<std::string> order{"system"};
