@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -51,20 +50,9 @@ struct Sample {
 };
 
 // Holds every thread until the last one arrives.
-class StartGate {
- public:
-  explicit StartGate(int count) : m_waiting(count) {}
-  void ArriveAndWait() {
-    std::unique_lock<std::mutex> hold(m_mutex);
-    if (--m_waiting == 0) m_open.notify_all();
-    m_open.wait(hold, [this] { return m_waiting == 0; });
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_open;
-  int m_waiting;
-};
+void ArriveAndWait(std::atomic<int>& waiting) {
+  for (--waiting; waiting.load() > 0;) std::this_thread::yield();
+}
 
 // One binding; its buffer is read and written under the publisher's mutex,
 // so that nothing is written after DetachBuffer returns.
@@ -193,12 +181,6 @@ class CheckingConsumer : public IConsumer {
 
 class StressTest : public ::testing::Test {
  protected:
-  KT_STATUS Add(const std::string& name, IExtension* extension) {
-    return live.Add(name.c_str(), extension);
-  }
-  KT_STATUS Remove(const std::string& name, IExtension* extension) {
-    return live.Remove(name.c_str(), extension);
-  }
   unsigned long Handle(const std::string& path) {
     unsigned long handle = 0;
     EXPECT_EQ(client->GetPath(0, path.c_str(), &handle), KT_STATUS_SUCCESS) << path;
@@ -237,10 +219,10 @@ TEST_F(StressTest, SamplesArriveOnceAndIntactWhileClientsChurnEnumerateAndLog) {
   std::vector<unsigned long> consumerHandles;
   for (int i = 0; i < kPublishers; ++i) {
     const std::string n = std::to_string(i);
-    ASSERT_EQ(Add("pub" + n, &publishers[i]), KT_STATUS_SUCCESS);
+    ASSERT_EQ(live.Add(("pub" + n).c_str(), &publishers[i]), KT_STATUS_SUCCESS);
     consumers.push_back(
         std::make_unique<CheckingConsumer>(publishers[i].steady, publishers[i].churn));
-    ASSERT_EQ(Add("con" + n, consumers[i].get()), KT_STATUS_SUCCESS);
+    ASSERT_EQ(live.Add(("con" + n).c_str(), consumers[i].get()), KT_STATUS_SUCCESS);
     consumerHandles.push_back(Handle("consumers/con" + n));
     // Registers the consumer's local conduit here, on the adding thread.
     ASSERT_EQ(client->SubscribeMetric(consumerHandles[i], publishers[i].steady),
@@ -255,11 +237,11 @@ TEST_F(StressTest, SamplesArriveOnceAndIntactWhileClientsChurnEnumerateAndLog) {
   std::atomic<bool> stop{false};
   std::atomic<int> churnErrors{0}, walkErrors{0};
   long cycles = 0, walks = 0;
-  StartGate gate(kPublishers + 3);
+  std::atomic<int> gate{kPublishers + 3};
   std::vector<std::thread> threads;
   for (int i = 0; i < kPublishers; ++i) {
     threads.emplace_back([&, i] {
-      gate.ArriveAndWait();
+      ArriveAndWait(gate);
       while (!stop.load(std::memory_order_relaxed)) {
         publishers[i].WriteRound();
         // Outside the publisher's mutex: lets binds and detaches in.
@@ -268,7 +250,7 @@ TEST_F(StressTest, SamplesArriveOnceAndIntactWhileClientsChurnEnumerateAndLog) {
     });
   }
   threads.emplace_back([&] {
-    gate.ArriveAndWait();
+    ArriveAndWait(gate);
     for (; !stop.load(std::memory_order_relaxed); ++cycles) {
       for (int i = 0; i < kPublishers; ++i) {
         if (client->SubscribeMetric(consumerHandles[i], publishers[i].churn) != 0) ++churnErrors;
@@ -279,7 +261,7 @@ TEST_F(StressTest, SamplesArriveOnceAndIntactWhileClientsChurnEnumerateAndLog) {
     }
   });
   threads.emplace_back([&] {
-    gate.ArriveAndWait();
+    ArriveAndWait(gate);
     for (; !stop.load(std::memory_order_relaxed); ++walks) {
       std::vector<std::pair<unsigned long, Metric::Description>> metrics;
       std::vector<std::string> groups;
@@ -292,7 +274,7 @@ TEST_F(StressTest, SamplesArriveOnceAndIntactWhileClientsChurnEnumerateAndLog) {
       Walk(conduitBranch, 3, false, walkErrors);
     }
   });
-  gate.ArriveAndWait();
+  ArriveAndWait(gate);
   const auto start = std::chrono::steady_clock::now();
   std::this_thread::sleep_until(start + RunTime());
   stop = true;
@@ -318,8 +300,8 @@ TEST_F(StressTest, SamplesArriveOnceAndIntactWhileClientsChurnEnumerateAndLog) {
 
   for (int i = 0; i < kPublishers; ++i) {
     const std::string n = std::to_string(i);
-    EXPECT_EQ(Remove("con" + n, consumers[i].get()), KT_STATUS_SUCCESS);
-    EXPECT_EQ(Remove("pub" + n, &publishers[i]), KT_STATUS_SUCCESS);
+    EXPECT_EQ(live.Remove(("con" + n).c_str(), consumers[i].get()), KT_STATUS_SUCCESS);
+    EXPECT_EQ(live.Remove(("pub" + n).c_str(), &publishers[i]), KT_STATUS_SUCCESS);
   }
   unsigned int left = 99;
   EXPECT_EQ(client->GetChildCount(publisherBranch, &left), KT_STATUS_SUCCESS);
