@@ -3,19 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "foundation/diagnostics.h"
-#include "state/conduit_state.h"
 
 namespace MetricsFramework {
 namespace testing_fakes {
 
 KT_STATUS FakeManager::PushDataToConsumers(unsigned long conduit, unsigned long binding,
                                            const IReadBuffer* data) {
-  if (route) {
-    Path* node = registry.ResolveHandle(conduit);
-    auto* state = node != nullptr ? dynamic_cast<ConduitState*>(node->GetPayload()) : nullptr;
-    pushes.push_back({conduit, binding, ""});
-    return state != nullptr ? state->PushData(binding, data) : KT_STATUS_INVALID_OBJECT;
-  }
   const void* sample = nullptr;
   unsigned long size = 0;
   data->GetData(&sample, &size);

@@ -1,7 +1,7 @@
-// What the in-process tests share beyond the fakes: a stand-in for the
-// extension manager's routing, a manager and client manager wired as a host
-// wires them, and the table of refusals every public entry is checked with. This is the only
-// test header that reads the library's failure record.
+// What the in-process tests share beyond the fakes: a manager that records its
+// pushes, a manager and client manager wired as a host wires them, and the
+// table of refusals every public entry is checked with. This is the only test
+// header that reads the library's failure record.
 #ifndef KT_TESTS_SUPPORT_HARNESS_H_
 #define KT_TESTS_SUPPORT_HARNESS_H_
 
@@ -23,10 +23,9 @@
 namespace MetricsFramework {
 namespace testing_fakes {
 
-// The extension manager's routing and nothing else: it owns a Registry. A push
-// goes to the conduit state filed under the conduit's handle (with `route`),
-// or is recorded and (with `drain`) released. Every other entry does nothing.
-class FakeManager : public IRegistryManager {
+// A real extension manager whose pushes are recorded instead of routed: the
+// sample is copied and (with `drain`) released.
+class FakeManager : public DefaultExtensionManager {
  public:
   struct Push {
     unsigned long conduit;
@@ -35,34 +34,8 @@ class FakeManager : public IRegistryManager {
   };
   KT_STATUS PushDataToConsumers(unsigned long conduit, unsigned long binding,
                                 const IReadBuffer* data) override;
-  KT_STATUS DispatchRemoteMethod(unsigned long, const IReadBuffer*, IWriteBuffer*) override {
-    return 0;
-  }
-  Registry& GetRegistry() override { return registry; }
-  void* CastTo(const char*) override { return nullptr; }
-  KT_STATUS Add(const ExtensionBinaryDesc&, const char*, IExtension*, IExtensionLoader*) override {
-    return 0;
-  }
-  KT_STATUS Remove(const ExtensionBinaryDesc&, const char*, IExtension*,
-                   IExtensionLoader*) override {
-    return 0;
-  }
-  KT_STATUS PublishMetric(IPublisher*, const Metric::Description&, unsigned long*) override {
-    return 0;
-  }
-  KT_STATUS UnpublishMetric(IPublisher*, unsigned long) override { return 0; }
-  KT_STATUS PublishGroupOrder(IPublisher*, std::vector<std::string>&) override { return 0; }
-  KT_STATUS PublishSetNames(IPublisher*,
-                            const std::vector<std::pair<unsigned int, std::string>>&) override {
-    return 0;
-  }
-  KT_STATUS PublishProbe(IProbePublisher*, const ProbeDesc&, unsigned long*) override { return 0; }
-  KT_STATUS UnpublishProbe(IProbePublisher*, unsigned long) override { return 0; }
-  void NotifyState(unsigned int, unsigned long, unsigned long) override {}
-  KT_STATUS Log(unsigned int, const char*, const char*, ...) override { return 0; }
 
-  Registry registry;
-  bool route = false;
+  Registry& registry = GetRegistry();
   bool drain = true;
   std::vector<Push> pushes;
 };
