@@ -114,18 +114,6 @@ TEST_F(SubscriptionTest, SubscribedConsumersReceiveEachSampleOnceUntilUnsubscrib
   EXPECT_EQ(Call(consumer, 3), Strings{Sample(metric, 42, "four")});
 }
 
-TEST_F(SubscriptionTest, RemoteRequestBindsWithoutSubscribingTheConsumer) {
-  const unsigned long metric = Publish("m", 42);
-  const unsigned long conduit = live.client->GetConduitHandle(k, metric);
-
-  ASSERT_EQ(live.client->__SubscribeMetric(k, conduit, metric, false), KT_STATUS_SUCCESS);
-  Write(metric, "x");
-
-  EXPECT_EQ(publisher.binds, 1);
-  EXPECT_TRUE(consumer.calls.empty());
-  EXPECT_TRUE(Drained(metric));
-}
-
 TEST_F(SubscriptionTest, GroupCycleDeliversEveryBoundMemberInOneCallInArrivalOrder) {
   const unsigned long a = Publish("a", 1, 5), b = Publish("b", 2, 5), c = Publish("c", 3, 5);
   const unsigned long gone = Publish("gone", 4, 5);
@@ -187,23 +175,6 @@ TEST_F(SubscriptionTest, BatchedMetricGoesOneSampleAtATimeToBatchedConsumersOnly
   EXPECT_TRUE(consumer.calls.empty());
   EXPECT_EQ(batched.received, 2u) << "no plain call besides the batches";
   EXPECT_TRUE(Drained(metric));
-}
-
-TEST_F(SubscriptionTest, BatchCallsTheListenerForEachFailureAndGoesOn) {
-  const unsigned long first = Publish("a"), third = Publish("c");
-  const unsigned long metrics[3] = {first, live.UnknownHandle(), third};
-  RecordingErrorListener log;
-
-  EXPECT_EQ(live.client->SubscribeMetrics(k, metrics, 3, &log), KT_STATUS_PARTIAL_FAILURE);
-  EXPECT_EQ(log.errors, (decltype(log.errors){{metrics[1], KT_STATUS_INVALID_OBJECT}}));
-  EXPECT_EQ(publisher.binds, 2);
-  EXPECT_EQ(live.client->UnsubscribeMetrics(k, metrics, 3, nullptr), KT_STATUS_PARTIAL_FAILURE);
-  EXPECT_EQ(publisher.unbinds, 2);
-  log.errors.clear();
-  EXPECT_EQ(live.client->SubscribeMetrics(k, &first, 1, &log), KT_STATUS_SUCCESS);
-  EXPECT_EQ(live.client->SubscribeMetrics(k, &third, 0, &log), KT_STATUS_SUCCESS);
-  EXPECT_TRUE(log.errors.empty());
-  EXPECT_EQ(publisher.binds, 3);
 }
 
 TEST_F(SubscriptionTest, FlushReachesTheBoundPublishers) {

@@ -87,6 +87,8 @@ TEST_F(ExtensionManagerBadInputTest, PublishingRoutersRefuseUnknownWrongAndForei
   const unsigned long consumerHandle = consumer.GetHandle();
   ExpectRefusals({
       REFUSAL(m.PublishMetric(nullptr, desc, &out), kArgument, "owner"),
+      REFUSAL(m.PublishMetric(&publisher, Describe("m"), &out), KT_STATUS_NON_UNIQUE,
+              "descriptor.uri.c_str()"),
       REFUSAL(m.PublishMetric(&publisher, desc, nullptr), kArgument, "out_metricHandle"),
       REFUSAL(m.PublishMetric(&unfiledPublisher, desc, &out), kObject, "publisherPath"),
       REFUSAL(m.PublishMetric(&strayPublisher, desc, &out), kObject, "publisherPath"),

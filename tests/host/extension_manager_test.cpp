@@ -1,22 +1,15 @@
 #include "host/default_extension_manager.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "state/conduit_state.h"
 #include "state/consumer_state.h"
-#include "state/logger_state.h"
-#include "state/method_state.h"
 #include "state/publisher_state.h"
 #include "support/harness.h"
 
@@ -26,26 +19,12 @@ namespace {
 using namespace testing_fakes;
 using Journal = std::vector<std::string>;
 
-// Taken while the process has made no manager yet.
-IExtensionManager* const g_managerAtStart = GetExtensionManager();
-DefaultClientManager* const g_clientManagerAtStart = DefaultExtensionManager::CreateClientManager();
-
-// Writes straight to standard output, past the stream's buffer.
-void WriteUnbuffered(const char* text) { (void)!::write(STDOUT_FILENO, text, std::strlen(text)); }
-
 // One object playing every role in `Roles`, answering all their names, that
-// journals Load, Unload, OnLoad and OnUnload. With `printOnLoad`, OnLoad
-// writes one piece past the output buffer and one into it.
+// journals Load, Unload, OnLoad and OnUnload.
 template <typename... Roles>
 class Journaled : public Roles... {
  public:
   void* CastTo(const char* name) override {
-    if (claimsClientManager && name != nullptr && std::strcmp(name, "IClientManager") == 0) {
-      return this;
-    }
-    if (clientCommand && name != nullptr && std::strcmp(name, "ClientCommandMethod") == 0) {
-      return this;
-    }
     void* face = nullptr;
     ((face = face != nullptr ? face : Roles::CastTo(name)), ...);
     return face;
@@ -58,18 +37,12 @@ class Journaled : public Roles... {
     Note("Unload");
     IKTExtensionBase::Unload();
   }
-  void OnLoad() {
-    Note("OnLoad");
-    if (!printOnLoad) return;
-    WriteUnbuffered("[raw]");
-    std::printf("[OnLoad]");
-  }
+  void OnLoad() { Note("OnLoad"); }
   void OnUnload() { Note("OnUnload"); }
   void Note(const char* what) {
     if (journal != nullptr) journal->push_back(what);
   }
   Journal* journal = nullptr;
-  bool printOnLoad = false, claimsClientManager = false, clientCommand = false;
 };
 
 using Publisher = Journaled<CountingPublisher>;
@@ -91,12 +64,10 @@ class Witness : public PathData {
 };
 
 const char* const kBranches[] = {"publishers", "loggers", "conduits", "consumers", "methods"};
-constexpr unsigned long kDescriptor = 0x0123456789ABCDEFul;
 
 class ExtensionManagerTest : public ::testing::Test {
  protected:
   ExtensionManagerTest() {
-    desc.m_descriptor = kDescriptor;
     manager.GetRegistry().AddStateListener(&ExtensionManagerTest::Hear, this);
   }
   static void Hear(void* context, unsigned int event, unsigned long a, unsigned long) {
@@ -121,30 +92,6 @@ class ExtensionManagerTest : public ::testing::Test {
     Path* node = Node(branch, name);
     return node != nullptr ? node->GetHandle() : 0;
   }
-  // The console output of adding a publisher with the switch set to `value`
-  // (unset for null) when the manager is built.
-  std::string TraceOfAdd(const char* value) {
-    value != nullptr ? setenv("KT_LOG_ONLOAD_CALLS_TO_CONSOLE", value, 1)
-                     : unsetenv("KT_LOG_ONLOAD_CALLS_TO_CONSOLE");
-    DefaultExtensionManager traced;
-    unsetenv("KT_LOG_ONLOAD_CALLS_TO_CONSOLE");
-    Publisher publisher;
-    publisher.printOnLoad = true;
-    ::testing::internal::CaptureStdout();
-    traced.Add(desc, "pub", &publisher, &loader);
-    WriteUnbuffered("|");
-    return ::testing::internal::GetCapturedStdout();
-  }
-  // Whether another thread can take `node`'s write lock now.
-  static bool Writable(Path* node) {
-    bool writable = false;
-    std::thread([&] {
-      ILock* write = node->GetLock().GetWriteLock();
-      writable = write->TryLock();
-      if (writable) write->Unlock();
-    }).join();
-    return writable;
-  }
 
   ExtensionBinaryDesc desc{};
   StubLoader loader;
@@ -152,61 +99,6 @@ class ExtensionManagerTest : public ::testing::Test {
   Journal journal;
   DefaultExtensionManager manager;
 };
-
-TEST_F(ExtensionManagerTest, AddFilesAPublisherLoadsItAnnouncesItThenCallsOnLoad) {
-  Publisher publisher;
-  publisher.journal = &journal;
-  ASSERT_EQ(Add("pub", &publisher), KT_STATUS_SUCCESS);
-  Path* node = Node("publishers", "pub");
-  ASSERT_NE(node, nullptr);
-  EXPECT_EQ(StateOf<PublisherState>("publishers", "pub")->m_publisher, &publisher);
-  EXPECT_TRUE(node->IsListed());
-  EXPECT_EQ(manager.GetRegistry().ResolveHandle(node->GetHandle()), node);
-  EXPECT_EQ(publisher.GetExtensionManager(), &manager);
-  EXPECT_EQ(publisher.GetHandle(), node->GetHandle());
-  EXPECT_EQ(publisher.GetLoader(), &loader);
-  EXPECT_EQ(journal, (Journal{"Load", "event 1", "OnLoad"}));
-  EXPECT_EQ(manager.CastTo("IExtensionHandler"), static_cast<IExtensionHandler*>(&manager));
-  EXPECT_EQ(manager.CastTo("IExtensionManager"), nullptr);
-}
-
-TEST_F(ExtensionManagerTest, AddFilesEveryRoleWithItsStateAndTheDescriptorWord) {
-  EveryRole every;
-  ASSERT_EQ(Add("every", &every), KT_STATUS_SUCCESS);
-  EXPECT_EQ(StateOf<PublisherState>("publishers", "every")->m_publisher, &every);
-  EXPECT_EQ(StateOf<LoggerState>("loggers", "every")->GetLogger(), &every);
-  EXPECT_EQ(StateOf<ConduitState>("conduits", "every")->m_conduit, &every);
-  EXPECT_EQ(StateOf<ConsumerState>("consumers", "every")->GetConsumer(), &every);
-  EXPECT_EQ(StateOf<MethodState>("methods", "every")->GetMethod(), &every);
-  for (const char* branch : kBranches) {
-    EXPECT_EQ(Node(branch, "every")->GetPayload()->m_data, kDescriptor) << branch;
-  }
-  // Only the publisher role is announced: the logger and conduit roles
-  // silence the later ones.
-  EXPECT_EQ(events, (Events{{1, HandleOf("publishers", "every")}}));
-  EXPECT_EQ(every.GetHandle(), HandleOf("publishers", "every"));
-  Remove("every", &every);
-}
-
-TEST_F(ExtensionManagerTest, ConsumerRoleIsAnnouncedUnlessAConduitOrLoggerRoleCameFirst) {
-  Journaled<FakeConduit, RecordingConsumer> conduit;
-  Journaled<RecordingLogger, RecordingConsumer> logger;
-  Journaled<CountingPublisher, RecordingConsumer> both;
-  ASSERT_EQ(Add("pipe", &conduit), KT_STATUS_SUCCESS);
-  ASSERT_EQ(Add("log", &logger), KT_STATUS_SUCCESS);
-  // The conduit's consumer node, and the branch made for it, are unlisted.
-  EXPECT_FALSE(Node("consumers", "pipe")->IsListed());
-  EXPECT_FALSE(Node("consumers")->IsListed());
-  EXPECT_TRUE(Node("consumers", "log")->IsListed());
-  EXPECT_TRUE(events.empty());
-  EXPECT_EQ(conduit.GetHandle(), HandleOf("conduits", "pipe"));
-
-  ASSERT_EQ(Add("both", &both), KT_STATUS_SUCCESS);
-  EXPECT_TRUE(Node("consumers", "both")->IsListed());
-  EXPECT_EQ(events,
-            (Events{{1, HandleOf("publishers", "both")}, {1, HandleOf("consumers", "both")}}));
-  EXPECT_EQ(both.GetHandle(), HandleOf("publishers", "both"));
-}
 
 TEST_F(ExtensionManagerTest, DuplicateNameReturnsAlreadyExistsAndChangesNothing) {
   Publisher first, second;
@@ -228,93 +120,6 @@ TEST_F(ExtensionManagerTest, DuplicateNameReturnsAlreadyExistsAndChangesNothing)
   EXPECT_EQ(StateOf<PublisherState>("publishers", "late")->m_publisher, &both);
   EXPECT_EQ(StateOf<ConsumerState>("consumers", "late")->GetConsumer(), &consumer);
   EXPECT_EQ(events, (Events{{1, HandleOf("publishers", "late")}}));
-}
-
-TEST_F(ExtensionManagerTest, ClientManagerIsAcceptedAndFiledNowhere) {
-  DefaultClientManager client(manager.GetRegistry());
-  Publisher claimant;  // found through CastTo, before its publisher role
-  claimant.claimsClientManager = true;
-  claimant.journal = &journal;
-  EXPECT_EQ(Add("DefaultClientManager", &client), KT_STATUS_SUCCESS);
-  EXPECT_EQ(Add("claimant", &claimant), KT_STATUS_SUCCESS);
-  for (const char* branch : kBranches) EXPECT_EQ(Node(branch), nullptr) << branch;
-  EXPECT_TRUE(journal.empty());
-  EXPECT_TRUE(events.empty());
-}
-
-TEST_F(ExtensionManagerTest, RoleFoundOnlyThroughCastToIsFiledAndRemoved) {
-  struct Asked : IExtension {
-    void* CastTo(const char* name) override {
-      if (std::strcmp(name, "IPublisher") == 0) return static_cast<IPublisher*>(&inner);
-      if (std::strcmp(name, "IKTExtensionBase") == 0) return static_cast<IKTExtensionBase*>(&inner);
-      return nullptr;
-    }
-    Publisher inner;
-  } asked;
-  asked.inner.journal = &journal;
-  ASSERT_EQ(Add("asked", &asked), KT_STATUS_SUCCESS);
-  EXPECT_EQ(StateOf<PublisherState>("publishers", "asked")->m_publisher, &asked.inner);
-  Remove("asked", &asked);
-  EXPECT_EQ(Node("publishers", "asked"), nullptr);
-  EXPECT_EQ(journal, (Journal{"Load", "event 1", "OnLoad", "OnUnload", "event 2", "Unload"}));
-}
-
-TEST_F(ExtensionManagerTest, MethodsAreDescribedAndOnlyTheCommandMethodTakesTheWellKnownHandle) {
-  Method other, command;
-  other.inputs = 2;
-  other.outputs = 3;
-  command.clientCommand = true;
-  HostBuffer args, returns;
-  ASSERT_EQ(Add("other", &other), KT_STATUS_SUCCESS);
-  const RemoteMethodDesc& described = StateOf<MethodState>("methods", "other")->GetDesc();
-  EXPECT_STREQ(described.m_name, "echo");
-  EXPECT_EQ(described.m_inputCount, 2u);
-  EXPECT_EQ(described.m_outputCount, 3u);
-  EXPECT_EQ(events, (Events{{1, other.GetHandle()}}));
-  EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle), nullptr);
-
-  ASSERT_EQ(Add("ClientCommandMethod", &command), KT_STATUS_SUCCESS);
-  EXPECT_EQ(manager.GetRegistry().ResolveHandle(kClientCommandHandle),
-            Node("methods", "ClientCommandMethod"));
-  EXPECT_EQ(manager.DispatchRemoteMethod(kClientCommandHandle, &args, &returns), 0u);
-  EXPECT_EQ(command.runs, 1);
-  command.result = false;
-  EXPECT_EQ(manager.DispatchRemoteMethod(command.GetHandle(), &args, &returns),
-            KT_STATUS_INVALID_OPERATION);
-  Remove("ClientCommandMethod", &command);
-  EXPECT_EQ(manager.DispatchRemoteMethod(kClientCommandHandle, &args, &returns),
-            KT_STATUS_INVALID_OBJECT);
-}
-
-TEST_F(ExtensionManagerTest, AddBuildsTheStateWhileTheBranchIsWriteLocked) {
-  struct Probing : RecordingConsumer {
-    void* CastTo(const char* name) override {
-      if (name != nullptr && std::strcmp(name, "IConsumer2") == 0 && branch == nullptr) {
-        branch = registry->GetChild("consumers", 0);
-        walkable = Writable(branch);
-      }
-      return RecordingConsumer::CastTo(name);
-    }
-    Registry* registry = nullptr;
-    Path* branch = nullptr;
-    bool walkable = true;
-  } consumer;
-  consumer.registry = &manager.GetRegistry();
-  ASSERT_EQ(Add("probe", &consumer), KT_STATUS_SUCCESS);
-  ASSERT_NE(consumer.branch, nullptr);
-  EXPECT_FALSE(consumer.walkable);
-}
-
-TEST_F(ExtensionManagerTest, RemoveOfANameNeverAddedOnlyUnloads) {
-  Journaled<FakeConduit, RecordingConsumer, RecordingMethod, RecordingLogger> ghost;
-  ghost.journal = &journal;
-  EXPECT_EQ(Remove("ghost", &ghost), KT_STATUS_SUCCESS);
-  EXPECT_EQ(journal, (Journal{"Unload"}));
-  for (const char* branch : {"conduits", "consumers", "methods", "loggers"}) {
-    ASSERT_NE(Node(branch), nullptr) << branch;
-    EXPECT_FALSE(Node(branch)->HasChildren()) << branch;
-  }
-  EXPECT_EQ(Node("publishers"), nullptr);
 }
 
 TEST_F(ExtensionManagerTest, RemoveGoesConduitConsumerMethodLoggerThenPublisherAfterOnUnload) {
@@ -401,15 +206,6 @@ TEST_F(ExtensionManagerTest, LogEndsShortLinesWithOneLineFeedAndDeliversCutLines
   EXPECT_EQ(second.lines, expected);
 }
 
-TEST_F(ExtensionManagerTest, LogReleasesTheLoggersLockWhenALoggerThrows) {
-  struct Thrower : Logger {
-    void Log(unsigned int, const char*) override { throw std::runtime_error("logger failed"); }
-  } thrower;
-  ASSERT_EQ(Add("thrower", &thrower), KT_STATUS_SUCCESS);
-  EXPECT_THROW(manager.Log(1, "", "x"), std::runtime_error);
-  EXPECT_TRUE(Writable(Node("loggers")));
-}
-
 TEST_F(ExtensionManagerTest, PublishingRoutersReachThePublisherStateOfTheLoadedHandle) {
   Publisher publisher;
   ASSERT_EQ(Add("pub", &publisher), KT_STATUS_SUCCESS);
@@ -440,32 +236,6 @@ TEST_F(ExtensionManagerTest, PublishingRoutersReachThePublisherStateOfTheLoadedH
   EXPECT_EQ(manager.PublishMetric(&publisher, Describe("x"), &metric), KT_STATUS_INVALID_OBJECT);
 }
 
-TEST_F(ExtensionManagerTest, PushOfAnUnknownBindingReleasesTheSample) {
-  FakeConduit conduit;
-  HostBuffer buffer("sample");
-  ASSERT_EQ(Add("pipe", &conduit), KT_STATUS_SUCCESS);
-  EXPECT_EQ(manager.PushDataToConsumers(conduit.GetHandle(), 77, &buffer),
-            KT_STATUS_INVALID_ARGUMENT);
-  EXPECT_EQ(buffer.releases, 1);
-}
-
-TEST_F(ExtensionManagerTest, NotifyStateCallsEveryListenerInAddressOrder) {
-  static Journal heard;
-  heard.clear();
-  auto a = [](void*, unsigned int e, unsigned long x, unsigned long y) {
-    heard.push_back("A " + std::to_string(e) + " " + std::to_string(x + y));
-  };
-  auto b = [](void*, unsigned int e, unsigned long, unsigned long) {
-    heard.push_back("B " + std::to_string(e));
-  };
-  Registry::StateListener listenerA = a, listenerB = b;
-  manager.GetRegistry().AddStateListener(listenerB, nullptr);
-  manager.GetRegistry().AddStateListener(listenerA, nullptr);
-  manager.NotifyState(9, 1, 2);
-  const bool aFirst = std::less<Registry::StateListener>()(listenerA, listenerB);
-  EXPECT_EQ(heard, aFirst ? (Journal{"A 9 3", "B 9"}) : (Journal{"B 9", "A 9 3"}));
-}
-
 TEST_F(ExtensionManagerTest, DestroyingTheManagerTellsNobodyAndDestroysEachStateOnce) {
   auto* dying = new DefaultExtensionManager();
   dying->GetRegistry().AddStateListener(&ExtensionManagerTest::Hear, this);
@@ -481,42 +251,6 @@ TEST_F(ExtensionManagerTest, DestroyingTheManagerTellsNobodyAndDestroysEachState
   delete dying;
   EXPECT_EQ(destroyed, 1);
   EXPECT_TRUE(journal.empty());  // no OnUnload, no Unload, no event
-}
-
-TEST_F(ExtensionManagerTest, ConsoleTraceFramesOnLoadWhenTheSwitchStartsWithOne) {
-  // Output is flushed before and after OnLoad, framed or not.
-  const std::string framed =
-      "    DefaultExtensionManager::Add: calling OnLoad on pub...[raw][OnLoad]...DONE\n|";
-  EXPECT_EQ(TraceOfAdd("1yes"), framed);
-  for (const char* off : {"0", "", "true", static_cast<const char*>(nullptr)}) {
-    EXPECT_EQ(TraceOfAdd(off), "[raw][OnLoad]|") << (off != nullptr ? off : "(unset)");
-  }
-}
-
-TEST(ExtensionManagerFactoryTest, CreateReplacesTheProcessWideManagerAndCreateClientManagerUsesIt) {
-  EXPECT_EQ(g_managerAtStart, nullptr);
-  EXPECT_EQ(g_clientManagerAtStart, nullptr);
-  DefaultExtensionManager* first = DefaultExtensionManager::Create();
-  // Stays the process-wide manager, and alive, for the rest of the run.
-  DefaultExtensionManager* second = DefaultExtensionManager::Create();
-  EXPECT_EQ(GetExtensionManager(), second);
-  DefaultClientManager* client = DefaultExtensionManager::CreateClientManager();
-  ASSERT_NE(client, nullptr);
-  EXPECT_EQ(&client->GetRegistry(), &second->GetRegistry());
-  EXPECT_EQ(first->GetClientManager(), nullptr);
-  delete first;
-
-  // The first loader Add is given goes to the client manager too, for good.
-  StubLoader firstLoader, laterLoader;
-  RecordingConsumer consumer, another;
-  ExtensionBinaryDesc desc{};
-  ASSERT_EQ(second->Add(desc, "consumer", &consumer, &firstLoader), KT_STATUS_SUCCESS);
-  ASSERT_EQ(second->Add(desc, "another", &another, &laterLoader), KT_STATUS_SUCCESS);
-  EXPECT_EQ(client->m_loader, &firstLoader);
-  EXPECT_EQ(consumer.GetClientManager(), static_cast<IClientManager*>(client));
-  second->Remove(desc, "consumer", &consumer, &firstLoader);
-  second->Remove(desc, "another", &another, &laterLoader);
-  client->m_loader = nullptr;  // the loader is about to go
 }
 
 }  // namespace

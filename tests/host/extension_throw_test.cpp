@@ -34,15 +34,6 @@ class ThrowingProbe : public Metrics::IProbe {
   const std::string& m_throwing;
 };
 
-class NullBound : public IBoundMetric {
- public:
-  void AttachBuffer(unsigned long, IWriteBuffer*) override {}
-  void DetachBuffer(unsigned long) override {}
-  unsigned long GetMetricHandle() override { return 0; }
-  bool IsAttached(unsigned long) override { return false; }
-  void Flush(unsigned long) override {}
-};
-
 // A publisher of one metric "m" and one probe type "p", a consumer and a
 // remote method in one object: the roles whose calls the library guards.
 class ThrowingExtension : public IProbePublisher, public IConsumer, public IRemoteMethod {
@@ -95,7 +86,7 @@ class ThrowingExtension : public IProbePublisher, public IConsumer, public IRemo
   void Throw(const char* call) {
     if (throwing == call) throw std::runtime_error(std::string(call) + " failed");
   }
-  NullBound m_bound;
+  testing_fakes::BoundMetric m_bound{0};
   ThrowingProbe m_probe{throwing};
 };
 

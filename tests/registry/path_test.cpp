@@ -1,24 +1,17 @@
+// Tests of the name tree: lookups, links, readers beside a writer, and the
+// fold of the machine address into the GUID.
 #include "registry/path.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "registry/path_data.h"
 #include "registry/registry.h"
 
 namespace MetricsFramework {
 namespace {
-
-// A registry whose test may take nodes out of the root's maps.
-class TestRegistry : public Registry {
- public:
-  using Path::DetachChild;
-};
 
 class PathTest : public ::testing::Test {
  protected:
@@ -26,14 +19,8 @@ class PathTest : public ::testing::Test {
     return registry.GetChild(path, flags);
   }
   Path* Find(const char* path) { return registry.GetChild(path, 0); }
-  Path* Handles() { return Find("handles"); }
-  std::vector<unsigned long> ChildHandles(Path* node, unsigned int count) {
-    std::vector<unsigned long> out(count + 1, 0xDEAD);
-    node->GetChildHandles(count, out.data());
-    return out;
-  }
 
-  TestRegistry registry;
+  Registry registry;
 };
 
 TEST_F(PathTest, SeparatorsAreEquivalentButALeadingRunStaysInTheNameAndEmptyNamesNothing) {
@@ -105,66 +92,6 @@ TEST_F(PathTest, DestroyingANodeRemovesEveryLinkToIt) {
   EXPECT_EQ(right->ChildCount(), 0u);
 }
 
-TEST_F(PathTest, SetNameRefilesTheNodeUnderItsNewName) {
-  Path* node = Make("old");
-
-  node->SetName("new/with/separators");
-
-  EXPECT_EQ(Find("old"), nullptr);
-  EXPECT_EQ(registry.GetChild("new/with/separators", 0, nullptr), nullptr);  // split on lookup
-  EXPECT_EQ(node->GetName(), "new/with/separators");
-  EXPECT_EQ(registry.GetChild(node->GetHandle(), 0), node);
-
-  // Renamed to the empty name, it is found by handle only and leaves no entry behind.
-  const unsigned long handle = node->GetHandle();
-  node->SetName("");
-  EXPECT_EQ(registry.GetChildNamed("", 0), nullptr);
-  EXPECT_EQ(registry.GetChild(handle, 0), node);
-  node->SetName("again");
-  delete node;
-
-  EXPECT_EQ(registry.GetChildNamed("", 0), nullptr) << "no entry outlives its node";
-}
-
-TEST_F(PathTest, ConstructingAPayloadReplacesAndDestroysThePreviousOne) {
-  static int destroyed;
-  destroyed = 0;
-  struct Counted : PathData {
-    explicit Counted(Path* path) : PathData(path) {}
-    ~Counted() override { ++destroyed; }
-  };
-  Path* node = Make("n");
-  new Counted(node);
-
-  PathData* replacement = new PathData(node);
-
-  EXPECT_EQ(destroyed, 1);
-  EXPECT_EQ(node->GetPayload(), replacement);
-  new Counted(node);
-  delete Find("n");
-  EXPECT_EQ(destroyed, 2);
-}
-
-TEST_F(PathTest, ThreadsCreatingTheSameMissingNodeGetTheSameNode) {
-  for (int round = 0; round < 50; ++round) {
-    Path* parent = Make(("round" + std::to_string(round)).c_str());
-    std::atomic<int> ready{0};
-    Path* seen[4] = {};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-      threads.emplace_back([&, t] {
-        ready.fetch_add(1);
-        while (ready.load() < 4) std::this_thread::yield();
-        seen[t] = parent->GetChild("bindings", kPathCreate | kPathUnlisted);
-      });
-    }
-    for (auto& thread : threads) thread.join();
-
-    for (Path* node : seen) EXPECT_EQ(node, seen[0]);
-    EXPECT_EQ(seen[0]->GetParent(), parent);
-  }
-}
-
 TEST_F(PathTest, ReadersFindCompleteNodesWhileAnotherThreadCreates) {
   Path* parent = Make("busy");
   std::atomic<bool> done{false};
@@ -182,6 +109,19 @@ TEST_F(PathTest, ReadersFindCompleteNodesWhileAnotherThreadCreates) {
   reader.join();
 
   EXPECT_EQ(parent->ChildCount(), 200u);
+}
+
+// Six bytes fold into four; b4 and b5 carry into the bytes above them. At most
+// six fields are read, and junk reads as zero.
+TEST(MacFoldTest, FoldsSixBytesIntoFour) {
+  EXPECT_EQ(FoldMacAddress("00:11:22:33:44:55\n"), 0x33226644u);
+  EXPECT_EQ(FoldMacAddress("ff:ff:ff:ff:ff:ff"), 0x0000fffeu);
+  EXPECT_EQ(FoldMacAddress("00:11:22:33:44:55:66:77:88:99"), 0x33226644u);
+  EXPECT_EQ(FoldMacAddress("zz:11"), 0x1100u);
+  EXPECT_EQ(FoldMacAddress(""), 0u);
+  EXPECT_EQ(FoldMacAddress(":::::::::"), 0u);
+  EXPECT_EQ(FoldMacAddress(nullptr), 0u);
+  EXPECT_EQ(FoldMacAddress(std::string(4000, ':').append("12").c_str()), 0x12u);
 }
 
 }  // namespace

@@ -21,16 +21,6 @@ namespace {
 
 using namespace testing_fakes;
 
-// A buffer holding one committed record of `bytes`.
-class Record : public QueueBuffer {
- public:
-  explicit Record(const std::string& bytes) : QueueBuffer(0, nullptr, 0, 0, 0) {
-    void* block = Reserve(bytes.size());
-    std::memcpy(block, bytes.data(), bytes.size());
-    Commit(block);
-  }
-};
-
 template <typename T>
 std::string Bytes(const T& value) {
   return std::string(reinterpret_cast<const char*>(&value), sizeof value);
@@ -64,7 +54,7 @@ class RemoteBadInputTest : public ::testing::Test {
   // Runs `request` through the command method; Run's answer, and the status
   // of the first reply record (KT_STATUS_INVALID_OPERATION when none).
   std::pair<bool, KT_STATUS> Serve(const std::string& request) {
-    Record in(request);
+    HostBuffer in(request);
     ProxyBuffer reply;
     const bool ran = host.command.Run(&in, &reply);
     return {ran, reply.ReadBack(nullptr, 0)};
@@ -170,7 +160,7 @@ TEST_F(RemoteBadInputTest, CommandMethodAnswersTruncatedOversizeAndUnknownReques
   }
   EXPECT_EQ(echo.runs, 0);
   ProxyBuffer reply;
-  Record request(Op(kOpGetChildCount));
+  HostBuffer request(Op(kOpGetChildCount));
   LoadedCommandMethod unloaded;
   EXPECT_FALSE(host.command.Run(nullptr, &reply));
   EXPECT_FALSE(host.command.Run(&request, nullptr));

@@ -64,96 +64,7 @@ TEST(ProxyBufferRequest, RecordsMatchTheirByteLayouts) {
             (Bytes{9, 0, 0, 0, 0x55, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST(ProxyBufferRequest, LongTextIsSentAsItsFirst4096CharactersAndNul) {
-  std::string text(5000, ' ');
-  for (size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>('a' + i % 26);
-
-  Bytes record = Oldest(ProxyBuffer(1, 7, text.c_str()));
-
-  ASSERT_EQ(record.size(), 12u + 4096 + 1);
-  EXPECT_EQ(std::string(record.begin() + 12, record.end() - 1), text.substr(0, 4096));
-  EXPECT_EQ(record.back(), 0);
-}
-
-TEST(ProxyBufferRequest, PayloadOfNullDataIsSentAsZeroesAndAnUnsizablePayloadNotAtAll) {
-  RecordBuffer nullData(Bytes{}), huge(Bytes{});
-  nullData.ClaimNullData(5);
-  huge.ClaimNullData(0xFFFFFFF0ul);
-
-  EXPECT_EQ(Oldest(ProxyBuffer(9, 1, &nullData)), Cat({Le(9, 4), Le(1, 8), Le(5, 8), Bytes(5, 0)}));
-  ProxyBuffer dropped(9, 1, &huge);
-  EXPECT_TRUE(Oldest(dropped).empty());
-  EXPECT_EQ(dropped.GetOp(), 0u);
-}
-
-// ---- Reply records ---------------------------------------------------------
-
-// A write that cannot be reserved writes nothing.
-TEST(ProxyBufferReply, WriteAppendsStatusThenDataOrZeroes) {
-  ProxyBuffer reply;
-  testing_fakes::HostBuffer foreign, huge, refusing;
-  refusing.refuse = true;
-
-  reply.Write(7, "\xD1\xD2\xD3", 3);
-  reply.Write(0, nullptr, 4);
-  ProxyBuffer::Write(&foreign, 5, "\x04\x03\x02\x01", 4);
-  ProxyBuffer::Write(&huge, 0, nullptr, 0xFFFFFFFDu);
-  ProxyBuffer::Write(&refusing, 0, nullptr, 4);
-
-  EXPECT_EQ(Oldest(reply), (Bytes{7, 0, 0, 0, 0xD1, 0xD2, 0xD3}));
-  const void* first = nullptr;
-  reply.GetData(&first, nullptr);
-  reply.MakeAvailable(first);
-  EXPECT_EQ(Oldest(reply), Bytes(8, 0));
-  EXPECT_EQ(foreign.reserved, std::vector<unsigned long>{8});
-  EXPECT_EQ(Oldest(foreign), (Bytes{5, 0, 0, 0, 4, 3, 2, 1}));
-  EXPECT_TRUE(huge.reserved.empty());
-  EXPECT_TRUE(refusing.records.empty());
-}
-
-// Without a whole status word, ReadBack answers invalid operation and
-// writes nothing.
-TEST(ProxyBufferReply, ReadBackCopiesAFittingReplyAndZeroFillsAnOversizedOne) {
-  ProxyBuffer fitting, oversized(16), empty, shortReply;
-  fitting.Write(5, "\x11\x22\x33\x44", 4);
-  oversized.Write(0, Counting(16).data(), 16);
-  shortReply.Commit(shortReply.Reserve(3));
-  Bytes out(8, 0xAA), zeroed(8, 0xAA), untouched(4, 0xAA);
-
-  EXPECT_EQ(fitting.ReadBack(out.data(), 8), 5u);
-  EXPECT_EQ(fitting.ReadBack(nullptr, 0), 5u);
-  EXPECT_EQ(oversized.ReadBack(zeroed.data(), 8), 0u);
-  EXPECT_EQ(empty.ReadBack(untouched.data(), 4), KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(shortReply.ReadBack(untouched.data(), 4), KT_STATUS_INVALID_OPERATION);
-
-  EXPECT_EQ(out, (Bytes{0x11, 0x22, 0x33, 0x44, 0xAA, 0xAA, 0xAA, 0xAA}));
-  EXPECT_EQ(zeroed, Bytes(8, 0));
-  EXPECT_EQ(untouched, Bytes(4, 0xAA));
-}
-
 // ---- Decoders over records of other buffer classes ---------------------------
-
-TEST(ProxyBufferDecode, RecordTooShortForTheSizeTestFailsAndWritesNothing) {
-  const unsigned long kKept = 0x5A5A5A5A5A5A5A5A;
-  unsigned long a = kKept, b = kKept, c = kKept;
-  unsigned int u = 0x5A5A5A5A;
-  const void* payload = &a;
-  RecordBuffer empty(Bytes{}), r3(Counting(3)), r7(Counting(7)), r11(Counting(11)),
-      r15(Counting(15)), r23(Counting(23));
-
-  EXPECT_EQ(ProxyBuffer::GetOp(&empty), 0u);
-  EXPECT_EQ(ProxyBuffer::GetOp(&r3), 0u);
-  EXPECT_FALSE(ProxyBuffer::Read(&empty, u));
-  EXPECT_FALSE(ProxyBuffer::Read(&r3, u));
-  EXPECT_FALSE(ProxyBuffer::Read(&r7, a));
-  EXPECT_FALSE(ProxyBuffer::Read(&r11, a, u));
-  EXPECT_FALSE(ProxyBuffer::Read(&r15, a, b));
-  EXPECT_FALSE(ProxyBuffer::Read(&r23, a, b, c));
-  EXPECT_FALSE(ProxyBuffer::Read(&r15, a, b, &payload));
-
-  EXPECT_EQ(std::make_tuple(a, b, c, u, payload), std::make_tuple(kKept, kKept, kKept, 0x5A5A5A5Au,
-                                                                   static_cast<const void*>(&a)));
-}
 
 // Each record passes its size test but ends 4 bytes before the last field.
 TEST(ProxyBufferDecode, FieldBytesBeyondTheRecordReadAsZero) {
@@ -178,33 +89,6 @@ TEST(ProxyBufferDecode, FieldBytesBeyondTheRecordReadAsZero) {
   ASSERT_TRUE(ProxyBuffer::Read(&r19, a, b, &payload));
   EXPECT_EQ(b, 3u);
   EXPECT_EQ(payload, nullptr);  // its bytes would run past the record
-}
-
-TEST(ProxyBufferDecode, PayloadLengthBeyondTheRecordWritesAAndNButFails) {
-  RecordBuffer tooLong(Cat({Le(9, 4), Le(0x77, 8), Le(100, 8), Bytes(4, 0)}));
-  RecordBuffer wrapping(Cat({Le(9, 4), Le(0x78, 8), Le(ULONG_MAX - 5, 8), Bytes(4, 0)}));
-  unsigned long a = 0, n = 0;
-  const void* payload = &a;
-
-  EXPECT_FALSE(ProxyBuffer::Read(&tooLong, a, n, &payload));
-  EXPECT_EQ(std::make_tuple(a, n), std::make_tuple(0x77ul, 100ul));
-  EXPECT_FALSE(ProxyBuffer::Read(&wrapping, a, n, &payload));  // n + 16 wraps to 10
-  EXPECT_EQ(std::make_tuple(a, n), std::make_tuple(0x78ul, ULONG_MAX - 5));
-
-  EXPECT_EQ(payload, &a);
-}
-
-TEST(ProxyBufferDecode, TextWithoutNulInsideItsRecordReadsAsEmpty) {
-  RecordBuffer unterminated(Cat({Le(1, 4), Le(3, 8), Bytes{'a', 'b', 'c'}})), bare(Le(1, 4));
-  unsigned long a = 9, b = 9;
-  const char* text = nullptr;
-  const char* bareText = nullptr;
-
-  ASSERT_TRUE(ProxyBuffer::Read(&unterminated, a, &text));
-  ASSERT_TRUE(ProxyBuffer::Read(&bare, b, &bareText));
-
-  EXPECT_EQ(std::make_tuple(a, std::string(text)), std::make_tuple(3ul, std::string()));
-  EXPECT_EQ(std::make_tuple(b, std::string(bareText)), std::make_tuple(0ul, std::string()));
 }
 
 // ---- Descriptor blob ---------------------------------------------------------
@@ -233,20 +117,6 @@ bool Decode(const std::string& blob, Metric::Description* desc) {
   return DecodeDescription(data, size, desc);
 }
 
-TEST(DescriptorBlob, DefaultDescriptionIsSixtyTwoBytes) {
-  Bytes ff(4, 0xFF);
-  Bytes expected = Cat({ff, Bytes(4 * 5, 0),  // id; flags, count, word1, count, word2
-                        Bytes(1 + 6, 0),      // byte1; uri, text1..text5
-                        Bytes(4 + 1 + 1, 0),  // word3; text6; byte2
-                        Bytes(16 + 1, 0),     // block; byte3
-                        ff, ff});             // word4, word5
-
-  std::string blob = EncodeDescription(Metric::Description());
-
-  ASSERT_EQ(expected.size(), 62u);
-  EXPECT_EQ(Bytes(blob.begin(), blob.end()), expected);
-}
-
 TEST(DescriptorBlob, EveryFieldSurvivesTheRoundTrip) {
   std::string blob = EncodeDescription(Filled());
   Metric::Description out;
@@ -255,20 +125,6 @@ TEST(DescriptorBlob, EveryFieldSurvivesTheRoundTrip) {
 
   EXPECT_EQ(blob.size(), 62u + (3 + 2 + 5 + 0 + 3 + 6 + 5) + 4 * 3);
   EXPECT_TRUE(Fields(out) == Fields(Filled()));
-}
-
-TEST(DescriptorBlob, TruncatedOrForgedBlobFailsWithoutReadingPastIt) {
-  std::string blob = EncodeDescription(Filled());
-  std::string forged = EncodeDescription(Metric::Description());
-  forged.replace(8, 4, "\xFF\xFF\xFF\xFF");  // list1 count 0xFFFFFFFF
-  Metric::Description out;
-
-  for (size_t size = 0; size < blob.size(); ++size) {
-    Metric::Description partial;
-    EXPECT_FALSE(Decode(blob.substr(0, size), &partial)) << "size " << size;
-  }
-  EXPECT_FALSE(Decode(forged, &out));
-  EXPECT_TRUE(out.list1.empty());  // no list grown from the forged count
 }
 
 }  // namespace

@@ -6,11 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
-#include <deque>
-#include <map>
 #include <memory>
-#include <new>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -18,16 +14,13 @@
 
 #include "client/default_client_manager.h"
 #include "host/default_extension_manager.h"
-#include "kt/remote_method.h"
 #include "registry/registry.h"
 #include "remote/client_command_method.h"
 #include "remote/client_manager_proxy.h"
 #include "remote/descriptor_blob.h"
 #include "remote/proxy_buffer.h"
-#include "state/consumer_state.h"
 #include "state/peer_state.h"
 #include "support/harness.h"
-#include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
 namespace {
@@ -62,12 +55,6 @@ class CrossingConduit : public FakeConduit {
   std::vector<Sent> sent;
 };
 
-// The bytes of `value` as they lie in memory.
-template <typename T>
-std::string Raw(T value) {
-  return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
-}
-
 // Process A publishes "publishers/p/m" and "publishers/p/m2", serves the
 // protocol and files B's subscriptions under its conduit "served"; its root
 // lists a "peers" node of its own. Process B mounts A as "peers/A".
@@ -75,16 +62,11 @@ std::string Raw(T value) {
 // point at them; the client managers go before their managers.
 class RemoteAccessTest : public ::testing::Test {
  protected:
-  RemoteAccessTest() : loaderA(&a), loaderB(&b) {
-    clientA = std::make_unique<DefaultClientManager>(a.GetRegistry());
-    clientB = std::make_unique<DefaultClientManager>(b.GetRegistry());
-    clientA->m_loader = &loaderA;
-    clientB->m_loader = &loaderB;
-    command.client = clientA.get();
-    EXPECT_EQ(loaderA.AddExtension("ClientCommandMethod", &command, nullptr), KT_STATUS_SUCCESS);
-    EXPECT_EQ(loaderA.AddExtension("p", &publisher, nullptr), KT_STATUS_SUCCESS);
-    EXPECT_EQ(loaderA.AddExtension("served", &served, nullptr), KT_STATUS_SUCCESS);
-    EXPECT_EQ(loaderA.AddExtension("echo", &echo, nullptr), KT_STATUS_SUCCESS);
+  RemoteAccessTest() {
+    EXPECT_EQ(A.Add("ClientCommandMethod", &A.command), KT_STATUS_SUCCESS);
+    EXPECT_EQ(A.Add("p", &publisher), KT_STATUS_SUCCESS);
+    EXPECT_EQ(A.Add("served", &served), KT_STATUS_SUCCESS);
+    EXPECT_EQ(A.Add("echo", &echo), KT_STATUS_SUCCESS);
     metric = Publish("m");
     metric2 = Publish("m2");
     aRoot = a.GetRegistry().GetHandle();
@@ -92,9 +74,9 @@ class RemoteAccessTest : public ::testing::Test {
 
     toA.far = &a;
     toA.remote = served.GetHandle();
-    EXPECT_EQ(loaderB.AddExtension("toA", &toA, nullptr), KT_STATUS_SUCCESS);
-    EXPECT_EQ(loaderB.AddExtension("k", &consumer, nullptr), KT_STATUS_SUCCESS);
-    Path* peers = b.GetRegistry().GetChild("peers", kPathCreate);
+    EXPECT_EQ(B.Add("toA", &toA), KT_STATUS_SUCCESS);
+    EXPECT_EQ(B.Add("k", &consumer), KT_STATUS_SUCCESS);
+    Path* peers = B.registry().GetChild("peers", kPathCreate);
     mountHandle = peers->GetHandle();
     const unsigned long key = static_cast<unsigned long>(a.GetRegistry().GetLocalGuid()) << 32;
     Path* mount = peers->GetChild(key, kPathCreate | kPathNoHandleEntry);
@@ -126,31 +108,18 @@ class RemoteAccessTest : public ::testing::Test {
     handles.erase(std::find(handles.begin(), handles.end(), gone));
     return handles;
   }
-  // Serves `request` in A and returns Run's answer; the reply lands in `reply`.
-  bool Serve(const IReadBuffer& request, IWriteBuffer& reply) {
-    return command.Run(&request, &reply);
-  }
-  static std::string Oldest(const IReadBuffer& buffer) {
-    const void* data = nullptr;
-    unsigned long size = 0;
-    buffer.GetData(&data, &size);
-    return data != nullptr ? std::string(static_cast<const char*>(data), size) : "";
-  }
   unsigned long ConsumerK() { return consumer.GetHandle(); }
 
-  LoadedCommandMethod command;
   CountingPublisher publisher;
   FakeConduit served;
   RecordingMethod echo{"echo", "echo:"};
   CrossingConduit toA;
   RecordingConsumer consumer;
   FakePeer peer;
-  DefaultExtensionManager a;
-  DefaultExtensionManager b;
-  HostLoader loaderA;
-  HostLoader loaderB;
-  std::unique_ptr<DefaultClientManager> clientA;
-  std::unique_ptr<DefaultClientManager> clientB;
+  LiveManager A, B;
+  DefaultExtensionManager& a = A.manager;
+  std::unique_ptr<DefaultClientManager>& clientA = A.client;
+  std::unique_ptr<DefaultClientManager>& clientB = B.client;
   std::unique_ptr<ClientManagerProxy> proxy;
   unsigned long metric = 0;
   unsigned long metric2 = 0;
@@ -161,22 +130,6 @@ class RemoteAccessTest : public ::testing::Test {
 
 // ---------------------------------------------------------------------------
 // A client of B works on A's namespace.
-
-// Under the well-known handle, B's requests reach A's command method.
-TEST_F(RemoteAccessTest, PathThroughTheMountIsResolvedByA) {
-  ASSERT_NE(a.GetRegistry().GetLocalGuid(), b.GetRegistry().GetLocalGuid());
-  unsigned long handle = 0;
-  ASSERT_EQ(clientB->GetPath(0, "peers/A/publishers/p/m", &handle), KT_STATUS_SUCCESS);
-  EXPECT_EQ(handle, metric);
-  // The mount asks A for its root, then for the rest of the path.
-  EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{1, 1}));
-  EXPECT_EQ(toA.sent[1].a, aRoot);
-  EXPECT_EQ(toA.sent[0].method, kClientCommandHandle);
-
-  EXPECT_EQ(clientB->GetPath(0, "peers/A/publishers/nothing", &handle),
-            KT_STATUS_DOES_NOT_EXIST);
-  EXPECT_EQ(handle, 0u) << "the failed reply's handle is copied back";
-}
 
 TEST_F(RemoteAccessTest, ListingsOfARootHidePeersAndGiveCountRealChildren) {
   const std::vector<unsigned long> all = RootChildrenInA();
@@ -224,36 +177,6 @@ TEST_F(RemoteAccessTest, ResourceInfoShowsARootAsTheMountAndOtherNodesAsTheyAre)
   EXPECT_EQ(untouched.name, "kept");
 }
 
-TEST_F(RemoteAccessTest, AConsumerOfBIsSubscribedToAMetricOfA) {
-  Path* node = b.GetRegistry().ResolveHandle(ConsumerK());
-  auto* state = dynamic_cast<ConsumerState*>(node->GetPayload());
-  ASSERT_NE(state, nullptr);
-  state->SetConduitHandle(a.GetRegistry().GetLocalGuid(), toA.GetHandle());
-
-  ASSERT_EQ(clientB->SubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
-  EXPECT_EQ(publisher.binds, 1) << "A binds the metric to its conduit";
-  EXPECT_EQ(served.buffers.size(), 1u);
-  // B fetches the description and the node, then A subscribes.
-  EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{5, 4, 6}));
-
-  ASSERT_EQ(clientB->UnsubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
-  EXPECT_EQ(publisher.unbinds, 1);
-  EXPECT_EQ(toA.Ops().back(), 7u);
-}
-
-TEST_F(RemoteAccessTest, ARemoteMethodOfAWritesIntoTheCallersOwnBuffer) {
-  QueueBuffer args(0, nullptr, 0, 0, 0);
-  void* block = args.Reserve(5);
-  std::memcpy(block, "hello", 5);
-  args.Commit(block);
-  QueueBuffer returns(0, nullptr, 0, 0, 0);
-
-  ASSERT_EQ(clientB->CallRemoteMethodSync(echo.GetHandle(), &args, &returns), KT_STATUS_SUCCESS);
-  EXPECT_EQ(Oldest(returns), "echo:hello");
-  EXPECT_EQ(toA.Ops(), (std::vector<unsigned int>{9}));
-  EXPECT_EQ(toA.sent[0].a, echo.GetHandle());
-}
-
 // ---------------------------------------------------------------------------
 // The proxy's operations, each through the transport and back.
 
@@ -287,20 +210,6 @@ TEST_F(RemoteAccessTest, EveryOperationCrossesAsItsOpAndIsAnswered) {
   EXPECT_EQ(publisher.unbinds, 1);
 }
 
-TEST_F(RemoteAccessTest, FlushSendsTheRemoteConduitWhateverTheConsumer) {
-  ASSERT_EQ(proxy->SubscribeMetric(ConsumerK(), metric), KT_STATUS_SUCCESS);
-  toA.sent.clear();
-  EXPECT_EQ(proxy->FlushMetrics(0), KT_STATUS_SUCCESS);
-  EXPECT_EQ(proxy->FlushMetrics(424242), KT_STATUS_SUCCESS);
-  ASSERT_EQ(toA.sent.size(), 2u);
-  EXPECT_EQ(toA.sent[0].a, served.GetHandle());
-  EXPECT_EQ(toA.sent[1].a, served.GetHandle());
-  ASSERT_EQ(publisher.bound.size(), 1u);
-  const std::string flush = "flush " + std::to_string(served.GetHandle());
-  EXPECT_EQ(std::count(publisher.bound[0]->calls.begin(), publisher.bound[0]->calls.end(), flush),
-            2);
-}
-
 TEST_F(RemoteAccessTest, DescriptorReadsTheSizeRecordTwiceAsKept) {
   Metric::Description local;
   ASSERT_EQ(clientA->GetMetricDescriptor(metric, &local), KT_STATUS_SUCCESS);
@@ -323,52 +232,6 @@ TEST_F(RemoteAccessTest, DescriptorReadsTheSizeRecordTwiceAsKept) {
   EXPECT_EQ(unknown.uri, "kept");
 }
 
-TEST_F(RemoteAccessTest, DescriptorReplyIsTwoRecordsAlsoOnFailure) {
-  HostBuffer reply;
-  EXPECT_FALSE(Serve(ProxyBuffer(5, aRoot + 12345), reply));
-  ASSERT_EQ(reply.records.size(), 2u);
-  EXPECT_EQ(reply.Records()[0], Raw(KT_STATUS_INVALID_OBJECT) + Raw(62u)) << "the default's size";
-  EXPECT_EQ(reply.Records()[1].size(), 4u + 62u);
-
-  Metric::Description decoded;
-  ASSERT_TRUE(DecodeDescription(reply.Records()[1].data() + 4, 62, &decoded));
-  EXPECT_EQ(decoded.id, 0xFFFFFFFFu);
-  EXPECT_EQ(decoded.word4, 0xFFFFFFFFu);
-}
-
-TEST_F(RemoteAccessTest, BatchSubscriptionTellsTheListenerOfEachFailure) {
-  const unsigned long metrics[3] = {metric, 0, metric2};
-  RecordingErrorListener listener;
-  EXPECT_EQ(proxy->SubscribeMetrics(ConsumerK(), metrics, 3, &listener),
-            KT_STATUS_PARTIAL_FAILURE);
-  EXPECT_EQ(listener.errors,
-            (std::vector<std::pair<unsigned long, unsigned int>>{{0, KT_STATUS_INVALID_ARGUMENT}}));
-  EXPECT_EQ(publisher.binds, 2);
-
-  RecordingErrorListener quiet;
-  EXPECT_EQ(proxy->UnsubscribeMetrics(ConsumerK(), metrics, 0, &quiet), KT_STATUS_SUCCESS);
-  EXPECT_EQ(proxy->UnsubscribeMetrics(ConsumerK(), metrics, 1, &quiet), KT_STATUS_SUCCESS);
-  EXPECT_TRUE(quiet.errors.empty());
-  EXPECT_EQ(publisher.unbinds, 1);
-}
-
-TEST_F(RemoteAccessTest, ProbesAndMetricListsAreNotAvailableThroughAProxy) {
-  unsigned long site = 55;
-  std::vector<std::pair<unsigned long, Metric::Description>> metrics;
-  std::vector<std::string> groups{"g"};
-  const KT_STATUS refused[] = {
-      proxy->CreateProbe(1, nullptr, &site), proxy->DestroyProbe(1),
-      proxy->BeginProbe(1, 2, 3, Metrics::kEventNone, nullptr),
-      proxy->EndProbe(1, 2, Metrics::kEventNone, nullptr), proxy->HandleProbe(1),
-      proxy->OnChangeStateCommandList(1, nullptr, nullptr, Metrics::kCommandListIdle)};
-  for (KT_STATUS status : refused) EXPECT_EQ(status, KT_STATUS_INVALID_OPERATION);
-  EXPECT_EQ(site, 55u);
-  EXPECT_EQ(proxy->GetMetrics(aRoot, metrics, &groups, nullptr), KT_STATUS_SUCCESS);
-  EXPECT_TRUE(metrics.empty());
-  EXPECT_EQ(groups, std::vector<std::string>{"g"});
-  EXPECT_TRUE(toA.sent.empty());
-}
-
 TEST_F(RemoteAccessTest, UnansweredCallsJoinTheTransportStatusWithTheMissingReply) {
   unsigned int count = 77;
   toA.lost = KT_STATUS_INVALID_SIZE;
@@ -389,51 +252,6 @@ TEST_F(RemoteAccessTest, UnansweredCallsJoinTheTransportStatusWithTheMissingRepl
   EXPECT_EQ(sent, KT_STATUS_INVALID_OPERATION);
   EXPECT_EQ(sent | reply.ReadBack(nullptr, 0), KT_STATUS_INVALID_OPERATION);
 }
-
-// ---------------------------------------------------------------------------
-// Run, served directly.
-
-// Requests in buffers of any class; a short one decodes as defaults: op 1
-// alone has start 0 and the empty path, which name the root.
-TEST_F(RemoteAccessTest, RunServesRequestsInBuffersOfAnyClass) {
-  const std::pair<std::string, unsigned long> rows[] = {
-      {Raw(1u) + Raw(0ul) + std::string("publishers/p/m") + '\0', metric},
-      {Raw(1u), aRoot},
-  };
-  for (const auto& [record, expected] : rows) {
-    HostBuffer request(record), reply;
-    ASSERT_TRUE(Serve(request, reply)) << expected;
-    ASSERT_EQ(reply.records.size(), 1u);
-    EXPECT_EQ(reply.Records().front(), Raw(0u) + Raw(expected));
-  }
-}
-
-TEST_F(RemoteAccessTest, CallsNestedIntoTheCommandMethodStopAtABoundedDepth) {
-  // Each level asks the command method to run the next level's request; the
-  // innermost asks for the root's child count.
-  auto nested = [this](int levels) {
-    std::vector<std::unique_ptr<ProxyBuffer>> requests;
-    requests.push_back(std::make_unique<ProxyBuffer>(2, aRoot, ""));
-    for (int i = 0; i < levels; ++i) {
-      requests.push_back(std::make_unique<ProxyBuffer>(9, kClientCommandHandle,
-                                                       requests.back().get()));
-    }
-    return requests;
-  };
-  const auto shallow = nested(3);
-  HostBuffer reply;
-  ASSERT_TRUE(Serve(*shallow.back(), reply));
-  ASSERT_EQ(reply.records.size(), 1u);
-  EXPECT_EQ(reply.Records().front().size(), 8u) << "the innermost count";
-
-  const auto deep = nested(40);
-  HostBuffer none;
-  EXPECT_FALSE(Serve(*deep.back(), none));
-  EXPECT_TRUE(none.records.empty());
-}
-
-// ---------------------------------------------------------------------------
-// The method's own faces.
 
 }  // namespace
 }  // namespace MetricsFramework

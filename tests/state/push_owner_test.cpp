@@ -76,18 +76,6 @@ TEST(PushOwnerTest, ThrowingConsumerIsSkippedAndTheOthersStillGetTheSample) {
   EXPECT_TRUE(rig.Drained());
 }
 
-// The copy of ungrouped entries marks an empty slot with handle 0.
-TEST(PushOwnerTest, MetricOfHandleZeroIsRefusedLikeAnyUnknownMetric) {
-  PushRig rig;
-  RecordingConsumer consumer;
-  rig.Subscribe(&consumer);
-
-  EXPECT_EQ(rig.Send("a", 0), KT_STATUS_INVALID_ARGUMENT);
-
-  EXPECT_TRUE(consumer.samples.empty());
-  EXPECT_TRUE(rig.Drained());
-}
-
 // Each row changes what the push kept from an earlier sample; the next
 // sample must see the change.
 TEST(PushOwnerTest, NextSampleSeesEveryChangeOfWhatThePushKept) {

@@ -42,19 +42,15 @@ void BoundMetric::Flush(unsigned long conduit) { calls.push_back("flush " + std:
 IBoundMetric* CountingPublisher::BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
                                             IBoundMetric**) {
   ++binds;
-  if (refuseBinding) return nullptr;
   bound.push_back(std::make_unique<BoundMetric>(metric));
   return bound.back().get();
 }
 
-void CountingPublisher::UnbindMetric(unsigned long, IBoundMetric* metric) {
-  ++unbinds;
-  lastUnbound = metric;
-}
+void CountingPublisher::UnbindMetric(unsigned long, IBoundMetric*) { ++unbinds; }
 
 Metrics::IProbe* CountingPublisher::CreateProbe(void*, unsigned long type) {
   lastProbeType = type;
-  return probeToMake;
+  return nullptr;
 }
 
 std::vector<IWriteBuffer*> CountingPublisher::WritersOf(unsigned long metric) const {
@@ -89,19 +85,6 @@ void BatchedConsumer::OnBatchMetricUpdated(unsigned long handle, unsigned long t
   if (keep) batches.push_back({handle, tag, data != nullptr ? static_cast<const char*>(data) : ""});
 }
 
-KT_STATUS RecordingProbe::Begin(unsigned long a, unsigned long b, Metrics::EventType type,
-                                void* c) {
-  return Note(RecordingClientManager::Call("Begin", a, b, static_cast<unsigned int>(type), c));
-}
-
-KT_STATUS RecordingProbe::End(unsigned long a, Metrics::EventType type, void* c) {
-  return Note(RecordingClientManager::Call("End", a, static_cast<unsigned int>(type), c));
-}
-
-KT_STATUS RecordingProbe::OnChangeStateCommandList(void* a, void* b, Metrics::CommandListState s) {
-  return Note(RecordingClientManager::Call("Command", a, b, static_cast<unsigned int>(s)));
-}
-
 namespace {
 
 constexpr std::size_t kGuard = 8;
@@ -133,10 +116,8 @@ HostBuffer::~HostBuffer() {
 }
 
 void HostBuffer::GetData(const void** data, unsigned long* size) const {
-  const bool none = records.empty() || nullData;
-  *data = none ? nullptr : records.front().data();
-  if (size == nullptr) return;
-  *size = nullData ? claimed : records.empty() ? 0 : records.front().size() - kGuard;
+  *data = records.empty() ? nullptr : records.front().data();
+  if (size != nullptr) *size = records.empty() ? 0 : records.front().size() - kGuard;
 }
 
 void HostBuffer::MakeAvailable(const void*) const {
@@ -168,7 +149,6 @@ std::vector<std::string> HostBuffer::Records() const {
 }
 
 KT_STATUS FakeConduit::CreateBuffer(unsigned long, IReadWriteBuffer** out) {
-  if (createStatus != KT_STATUS_SUCCESS) return createStatus;
   buffers.push_back(std::make_unique<HostBuffer>());
   *out = buffers.back().get();
   return KT_STATUS_SUCCESS;
@@ -211,31 +191,6 @@ Metric::Description Describe(const std::string& uri, unsigned int tag, unsigned 
   d.word1 = tag;
   d.word4 = group;
   d.flags = flags;
-  return d;
-}
-
-Metric::Description FullDescription(const std::string& uri, unsigned int flags) {
-  Metric::Description d;
-  d.id = 17;
-  d.flags = flags | 0x100;
-  d.list1 = {1, 2};
-  d.word1 = 3;
-  d.word2 = 5;
-  d.byte1 = 6;
-  d.uri = uri;
-  d.text1 = "one";
-  d.text2 = "two";
-  d.text3 = "three";
-  d.text4 = "four";
-  d.text5 = "five";
-  d.word3 = 7;
-  d.text6 = "six";
-  d.byte2 = 8;
-  d.block[0] = 0x1111;
-  d.block[1] = 0x2222;
-  d.byte3 = 9;
-  d.word4 = 10;
-  d.word5 = 11;
   return d;
 }
 

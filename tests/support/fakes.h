@@ -69,8 +69,7 @@ class BoundMetric : public IBoundMetric {
 };
 
 // A probe publisher that counts its calls and keeps every binding it made;
-// `refuseBinding` makes BindMetric answer null; CreateProbe answers
-// `probeToMake`.
+// CreateProbe notes the type and makes no probe.
 class CountingPublisher : public IProbePublisher {
  public:
   IBoundMetric* BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
@@ -82,11 +81,8 @@ class CountingPublisher : public IProbePublisher {
   // The buffers `metric` is attached to, one per conduit.
   std::vector<IWriteBuffer*> WritersOf(unsigned long metric) const;
 
-  bool refuseBinding = false;
   int binds = 0, unbinds = 0, loads = 0, unloads = 0;
-  IBoundMetric* lastUnbound = nullptr;
   unsigned long lastProbeType = 0;
-  Metrics::IProbe* probeToMake = nullptr;
   std::vector<std::unique_ptr<BoundMetric>> bound;
 };
 
@@ -140,31 +136,18 @@ class ListeningConsumer : public RecordingConsumer, public IMetricStateListener 
   std::vector<std::pair<unsigned long, bool>> notices;
 };
 
-// A probe that records each event as "Begin a b type context", "End a type
-// context", "Handle", "Command a b state" (pointers as numbers), answering 99.
-class RecordingProbe : public Metrics::IProbe {
- public:
-  KT_STATUS Begin(unsigned long a, unsigned long b, Metrics::EventType type, void* c) override;
-  KT_STATUS End(unsigned long a, Metrics::EventType type, void* c) override;
-  KT_STATUS Handle() override { return Note("Handle"); }
-  KT_STATUS OnChangeStateCommandList(void* a, void* b, Metrics::CommandListState s) override;
-  KT_STATUS Note(const std::string& call) { return calls.push_back(call), 99; }
-  std::vector<std::string> calls;
-};
-
 // A buffer of its own class. Each committed record is followed by 8 guard
 // bytes of 0xEE, poisoned under the address sanitizer: a reader that runs past
 // a record sees 0xEE or is stopped. Commit queues the oldest reservation;
 // GetData shows the oldest record and MakeAvailable drops it. `refuse` makes
 // Reserve answer null, `failReserve` makes it throw as an exhausted allocator
-// does; ClaimNullData makes GetData answer null data of `size` bytes.
+// does.
 class HostBuffer : public IReadWriteBuffer {
  public:
   explicit HostBuffer(const std::string& record = "");
   ~HostBuffer() override;
   HostBuffer(const HostBuffer&) = delete;
   HostBuffer& operator=(const HostBuffer&) = delete;
-  void ClaimNullData(unsigned long size) { nullData = true, claimed = size; }
   void GetData(const void** data, unsigned long* size) const override;
   void MakeAvailable(const void*) const override;
   void Flush() override { ++flushes; }
@@ -176,8 +159,6 @@ class HostBuffer : public IReadWriteBuffer {
 
   bool refuse = false;
   bool failReserve = false;
-  bool nullData = false;
-  unsigned long claimed = 0;
   int flushes = 0;
   mutable int releases = 0;
   std::vector<unsigned long> reserved;
@@ -185,8 +166,7 @@ class HostBuffer : public IReadWriteBuffer {
   mutable std::deque<std::vector<char>> records;
 };
 
-// A conduit whose buffers are HostBuffers; `createStatus` makes CreateBuffer
-// refuse. Transact notes the method and answers `transactStatus`;
+// A conduit whose buffers are HostBuffers. Transact succeeds and does nothing;
 // GetRemoteHandle answers `remote`, or the conduit's own handle while that is 0.
 class FakeConduit : public IConduit {
  public:
@@ -194,18 +174,12 @@ class FakeConduit : public IConduit {
   void OnUnsubscribed(unsigned long) override {}
   KT_STATUS CreateBuffer(unsigned long, IReadWriteBuffer** out) override;
   void DestroyBuffer(IReadWriteBuffer* buffer) override { returned.push_back(buffer); }
-  KT_STATUS Transact(unsigned long method, const IReadBuffer*, IWriteBuffer*) override {
-    transacted.push_back(method);
-    return transactStatus;
-  }
+  KT_STATUS Transact(unsigned long, const IReadBuffer*, IWriteBuffer*) override { return 0; }
   unsigned long GetRemoteHandle() override { return remote != 0 ? remote : GetHandle(); }
 
-  KT_STATUS createStatus = KT_STATUS_SUCCESS;
-  KT_STATUS transactStatus = KT_STATUS_SUCCESS;
   unsigned long remote = 0;
   std::vector<std::unique_ptr<HostBuffer>> buffers;
   std::vector<IReadWriteBuffer*> returned;
-  std::vector<unsigned long> transacted;
 };
 
 // A method named `name` that answers `reply` followed by the bytes of its
@@ -232,112 +206,6 @@ class RecordingLogger : public ILogger {
   std::vector<std::string> lines;
 };
 
-// The client manager of another process: records every call as its name and
-// arguments (pointers as numbers) and answers `status`. On success it writes
-// `handle`, `count`, `info` and `description` to the matching out-parameter.
-class RecordingClientManager : public IClientManager {
- public:
-  using Listing = std::vector<std::pair<unsigned long, Metric::Description>>;
-  using Listener = IClientManagerErrorListener;
-  KT_STATUS GetPath(unsigned long root, const char* name, unsigned long* out) const override {
-    Record("GetPath", root, std::string(name != nullptr ? name : "(null)"), out);
-    return Answer(out, handle);
-  }
-  KT_STATUS GetChildCount(unsigned long parent, unsigned int* out) const override {
-    Record("GetChildCount", parent, out);
-    return Answer(out, count);
-  }
-  KT_STATUS GetChildren(unsigned long parent, unsigned long* out, unsigned int n) const override {
-    return Record("GetChildren", parent, out, n);
-  }
-  KT_STATUS GetMetrics(unsigned long h, Listing&, std::vector<std::string>*,
-                       std::map<unsigned int, std::string>*) const override {
-    return Record("GetMetrics", h);
-  }
-  KT_STATUS GetResourceInfo(unsigned long h, ResourceInfo* out) const override {
-    Record("GetResourceInfo", h, out);
-    return Answer(out, info);
-  }
-  KT_STATUS GetMetricDescriptor(unsigned long metric, Metric::Description* out) const override {
-    Record("GetMetricDescriptor", metric, out);
-    return Answer(out, description);
-  }
-  KT_STATUS SubscribeMetric(unsigned long consumer, unsigned long metric) override {
-    return Record("SubscribeMetric", consumer, metric), subscribeStatus;
-  }
-  KT_STATUS UnsubscribeMetric(unsigned long consumer, unsigned long metric) override {
-    return Record("UnsubscribeMetric", consumer, metric);
-  }
-  KT_STATUS SubscribeMetrics(unsigned long consumer, const unsigned long* metrics, unsigned int n,
-                             Listener*) override {
-    return Record("SubscribeMetrics", consumer, metrics, n);
-  }
-  KT_STATUS UnsubscribeMetrics(unsigned long consumer, const unsigned long* metrics,
-                               unsigned int n, Listener*) override {
-    return Record("UnsubscribeMetrics", consumer, metrics, n);
-  }
-  KT_STATUS FlushMetrics(unsigned long consumer) override {
-    return Record("FlushMetrics", consumer);
-  }
-  KT_STATUS CallRemoteMethodSync(unsigned long method, const IReadBuffer* args,
-                                 IWriteBuffer* returns) override {
-    return Record("CallRemoteMethodSync", method, args, returns);
-  }
-  KT_STATUS CreateProbe(unsigned long type, void* query, unsigned long* out) override {
-    return Record("CreateProbe", type, query, out);
-  }
-  KT_STATUS DestroyProbe(unsigned long site) override { return Record("DestroyProbe", site); }
-  KT_STATUS BeginProbe(unsigned long, unsigned long, unsigned long, Metrics::EventType,
-                       void*) const override {
-    return Record("BeginProbe");
-  }
-  KT_STATUS EndProbe(unsigned long, unsigned long, Metrics::EventType, void*) const override {
-    return Record("EndProbe");
-  }
-  KT_STATUS HandleProbe(unsigned long) const override { return Record("HandleProbe"); }
-  KT_STATUS OnChangeStateCommandList(unsigned long, void*, void*,
-                                     Metrics::CommandListState) const override {
-    return Record("OnChangeStateCommandList");
-  }
-
-  // "Operation arg arg ..." as Record writes it.
-  template <typename... Args>
-  static std::string Call(const char* operation, const Args&... args) {
-    std::string line = operation;
-    for (const std::string& arg : {std::string(), Text(args)...}) {
-      if (!arg.empty()) line += " " + arg;
-    }
-    return line;
-  }
-
-  KT_STATUS status = 77;  // no status of the table: it can only come from here
-  KT_STATUS subscribeStatus = 77;  // SubscribeMetric's answer
-  unsigned long handle = 0;
-  unsigned int count = 0;
-  ResourceInfo info{};
-  Metric::Description description;
-  mutable std::vector<std::string> calls;
-
- private:
-  static std::string Text(const std::string& text) { return text; }
-  static std::string Text(unsigned long value) { return std::to_string(value); }
-  static std::string Text(unsigned int value) { return std::to_string(value); }
-  template <typename T>
-  static std::string Text(T* pointer) {
-    return std::to_string(reinterpret_cast<unsigned long>(pointer));
-  }
-  template <typename... Args>
-  KT_STATUS Record(const char* operation, const Args&... args) const {
-    calls.push_back(Call(operation, args...));
-    return status;
-  }
-  template <typename T>
-  KT_STATUS Answer(T* out, const T& value) const {
-    if (status == KT_STATUS_SUCCESS && out != nullptr) *out = value;
-    return status;
-  }
-};
-
 // Keeps every (metric, status) it is told of.
 class RecordingErrorListener : public IClientManagerErrorListener {
  public:
@@ -351,8 +219,6 @@ class RecordingErrorListener : public IClientManagerErrorListener {
 // (word4), with `flags`.
 Metric::Description Describe(const std::string& uri, unsigned int tag = 1,
                              unsigned int group = 0xFFFFFFFF, unsigned int flags = 0);
-// A description with every field set, named `uri`.
-Metric::Description FullDescription(const std::string& uri, unsigned int flags = 0);
 
 }  // namespace testing_fakes
 }  // namespace MetricsFramework

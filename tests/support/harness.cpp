@@ -3,53 +3,18 @@
 #include <gtest/gtest.h>
 
 #include "foundation/diagnostics.h"
-#include "kt/conduit.h"
-#include "kt/consumer.h"
-#include "state/conduit_state.h"
-#include "state/consumer_state.h"
 
 namespace MetricsFramework {
 namespace testing_fakes {
 
 KT_STATUS FakeManager::PushDataToConsumers(unsigned long conduit, unsigned long binding,
                                            const IReadBuffer* data) {
-  if (route) {
-    Path* node = registry.ResolveHandle(conduit);
-    auto* state = node != nullptr ? dynamic_cast<ConduitState*>(node->GetPayload()) : nullptr;
-    pushes.push_back({conduit, binding, ""});
-    return state != nullptr ? state->PushData(binding, data) : KT_STATUS_INVALID_OBJECT;
-  }
   const void* sample = nullptr;
   unsigned long size = 0;
   data->GetData(&sample, &size);
   const char* bytes = static_cast<const char*>(sample);
   pushes.push_back({conduit, binding, bytes != nullptr ? std::string(bytes, size) : ""});
   if (drain && sample != nullptr) data->MakeAvailable(sample);
-  return KT_STATUS_SUCCESS;
-}
-
-KT_STATUS FilingLoader::AddExtension(const char* name, IKTExtensionBase* extension,
-                                     const ExtensionBinaryDesc*) {
-  added.push_back(name);
-  if (addStatus != KT_STATUS_SUCCESS) return addStatus;
-  Path* node = nullptr;
-  if (auto* consumer = dynamic_cast<IConsumer*>(extension)) {
-    node = manager.registry.GetChild("consumers", kPathCreate)->GetChildNamed(name, kPathCreate);
-    new ConsumerState(consumer, node);
-  } else if (auto* conduit = dynamic_cast<IConduit*>(extension)) {
-    node = manager.registry.GetChild("conduits", kPathCreate)->GetChildNamed(name, kPathCreate);
-    new ConduitState(conduit, node);
-  } else {
-    return KT_STATUS_UNSUPPORTED_EXTENSION;
-  }
-  extension->Load(&manager, clientManager, node->GetHandle(), this);
-  return KT_STATUS_SUCCESS;
-}
-
-KT_STATUS FilingLoader::RemoveExtension(IKTExtensionBase* extension) {
-  removed.push_back(extension);
-  delete manager.registry.ResolveHandle(extension->GetHandle());
-  extension->Unload();
   return KT_STATUS_SUCCESS;
 }
 

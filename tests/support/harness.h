@@ -1,8 +1,7 @@
-// What the in-process tests share beyond the fakes: a stand-in for the
-// extension manager's routing, a loader that files extensions the way the
-// manager does, a manager and client manager wired as a host wires them, and
-// the table of refusals every public entry is checked with. This is the only
-// test header that reads the library's failure record.
+// What the in-process tests share beyond the fakes: a manager that records its
+// pushes, a manager and client manager wired as a host wires them, and the
+// table of refusals every public entry is checked with. This is the only test
+// header that reads the library's failure record.
 #ifndef KT_TESTS_SUPPORT_HARNESS_H_
 #define KT_TESTS_SUPPORT_HARNESS_H_
 
@@ -24,11 +23,9 @@
 namespace MetricsFramework {
 namespace testing_fakes {
 
-// The extension manager's routing and nothing else: it owns a Registry. A push
-// goes to the conduit state filed under the conduit's handle (with `route`),
-// or is recorded and (with `drain`) released. A dispatch is recorded and answered with
-// `dispatchStatus`. Every other entry does nothing.
-class FakeManager : public IRegistryManager {
+// A real extension manager whose pushes are recorded instead of routed: the
+// sample is copied and (with `drain`) released.
+class FakeManager : public DefaultExtensionManager {
  public:
   struct Push {
     unsigned long conduit;
@@ -37,56 +34,10 @@ class FakeManager : public IRegistryManager {
   };
   KT_STATUS PushDataToConsumers(unsigned long conduit, unsigned long binding,
                                 const IReadBuffer* data) override;
-  KT_STATUS DispatchRemoteMethod(unsigned long handle, const IReadBuffer*,
-                                 IWriteBuffer*) override {
-    dispatched = handle;
-    return dispatchStatus;
-  }
-  Registry& GetRegistry() override { return registry; }
-  void* CastTo(const char*) override { return nullptr; }
-  KT_STATUS Add(const ExtensionBinaryDesc&, const char*, IExtension*, IExtensionLoader*) override {
-    return 0;
-  }
-  KT_STATUS Remove(const ExtensionBinaryDesc&, const char*, IExtension*,
-                   IExtensionLoader*) override {
-    return 0;
-  }
-  KT_STATUS PublishMetric(IPublisher*, const Metric::Description&, unsigned long*) override {
-    return 0;
-  }
-  KT_STATUS UnpublishMetric(IPublisher*, unsigned long) override { return 0; }
-  KT_STATUS PublishGroupOrder(IPublisher*, std::vector<std::string>&) override { return 0; }
-  KT_STATUS PublishSetNames(IPublisher*,
-                            const std::vector<std::pair<unsigned int, std::string>>&) override {
-    return 0;
-  }
-  KT_STATUS PublishProbe(IProbePublisher*, const ProbeDesc&, unsigned long*) override { return 0; }
-  KT_STATUS UnpublishProbe(IProbePublisher*, unsigned long) override { return 0; }
-  void NotifyState(unsigned int, unsigned long, unsigned long) override {}
-  KT_STATUS Log(unsigned int, const char*, const char*, ...) override { return 0; }
 
-  Registry registry;
-  bool route = false;
+  Registry& registry = GetRegistry();
   bool drain = true;
   std::vector<Push> pushes;
-  unsigned long dispatched = 0;
-  KT_STATUS dispatchStatus = KT_STATUS_SUCCESS;
-};
-
-// Files consumers under "consumers" and conduits under "conduits" with their
-// state objects and loads them, for tests of the client manager without an
-// extension manager; RemoveExtension deletes the node and unloads.
-class FilingLoader : public StubLoader {
- public:
-  explicit FilingLoader(FakeManager& manager) : manager(manager) {}
-  KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
-                         const ExtensionBinaryDesc*) override;
-  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override;
-  FakeManager& manager;
-  IClientManager* clientManager = nullptr;
-  KT_STATUS addStatus = KT_STATUS_SUCCESS;
-  std::vector<std::string> added;
-  std::vector<IKTExtensionBase*> removed;
 };
 
 // The far side of a peer mount: hands out a client manager, counts releases.
@@ -148,15 +99,6 @@ struct LiveManager {
   HostLoader loader;
   std::unique_ptr<DefaultClientManager> client;
 };
-
-// Publishes the metric `uri` with `flags` through a publisher's state; its
-// handle.
-inline unsigned long Published(PublisherState* state, const std::string& uri,
-                               unsigned int flags = 0) {
-  unsigned long handle = 0;
-  state->PublishMetric(Describe(uri, 1, 0xFFFFFFFF, flags), &handle);
-  return handle;
-}
 
 constexpr KT_STATUS kArgument = KT_STATUS_INVALID_ARGUMENT;
 constexpr KT_STATUS kObject = KT_STATUS_INVALID_OBJECT;

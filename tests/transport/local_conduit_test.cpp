@@ -50,18 +50,6 @@ class LocalConduitTest : public ::testing::Test {
   LocalConduit conduit;
 };
 
-TEST_F(LocalConduitTest, PoolIsFilledInBatchesOfEight) {
-  std::set<IReadWriteBuffer*> handedOut{Create()};
-  EXPECT_EQ(LocalConduitInspector::Free(conduit), 7u);
-  for (int i = 0; i < 7; ++i) handedOut.insert(Create());
-  EXPECT_EQ(LocalConduitInspector::Free(conduit), 0u);
-
-  handedOut.insert(Create());
-  EXPECT_EQ(handedOut.size(), 9u);
-  EXPECT_EQ(LocalConduitInspector::Free(conduit), 7u);
-  EXPECT_EQ(LocalConduitInspector::Live(conduit), 9u);
-}
-
 TEST_F(LocalConduitTest, ReturnedBufferIsReusedLastEmptyAndBoundToItsNewBinding) {
   IReadWriteBuffer* buffer = Create(5);
   ASSERT_NE(buffer, nullptr);
@@ -92,20 +80,6 @@ TEST_F(LocalConduitTest, ConcurrentCreateAndDestroyKeepEveryBufferOnce) {
   b.join();
   EXPECT_EQ(LocalConduitInspector::Live(conduit), 0u);
   EXPECT_EQ(LocalConduitInspector::Distinct(conduit), LocalConduitInspector::Free(conduit));
-}
-
-// Checked by ASan: no leak and no double free.
-TEST_F(LocalConduitTest, DestructorFreesLiveAndPooledBuffersOnce) {
-  auto* doomed = new LocalConduit();
-  doomed->Load(&manager, nullptr, kConduitHandle, nullptr);
-  IReadWriteBuffer* live = nullptr;
-  IReadWriteBuffer* returned = nullptr;
-  ASSERT_EQ(doomed->CreateBuffer(1, &live), KT_STATUS_SUCCESS);
-  ASSERT_EQ(doomed->CreateBuffer(2, &returned), KT_STATUS_SUCCESS);
-  Commit(live);
-  doomed->DestroyBuffer(returned);
-  doomed->DestroyBuffer(returned);  // a duplicate joins the pool
-  delete doomed;
 }
 
 }  // namespace

@@ -82,34 +82,6 @@ class QueueBufferTest : public ::testing::Test {
   Path* node = nullptr;
 };
 
-TEST_F(QueueBufferTest, ArenasAreCarvedInOrderAndAddedAtLargestPlusRequestPlusOne) {
-  auto grown = Make(1024);  // a first block larger than the arena: it is accounted for
-  auto* first = static_cast<unsigned char*>(grown->Reserve(2000));
-  EXPECT_EQ(Arenas(*grown), std::vector<size_t>{3024});
-  EXPECT_EQ(first, QueueBufferInspector::Start(*grown, 0));
-  EXPECT_EQ(grown->Reserve(10), first + 2000);
-
-  auto buffer = Make(1024);
-  auto* start = static_cast<unsigned char*>(buffer->Reserve(256));
-  for (int i = 1; i < 4; ++i) EXPECT_EQ(buffer->Reserve(256), start + 256 * i);
-  void* fifth = buffer->Reserve(256);
-  EXPECT_EQ(Arenas(*buffer), (std::vector<size_t>{1024, 1281}));
-  EXPECT_EQ(fifth, QueueBufferInspector::Start(*buffer, 1));
-
-  auto empty = Make(0);
-  empty->Reserve(100);
-  EXPECT_EQ(Arenas(*empty), std::vector<size_t>{101});
-
-  auto wide = Make(1024);  // only the low 32 bits of a size count
-  auto* block = static_cast<unsigned char*>(wide->Reserve(0x100000010ul));
-  wide->Commit(block);
-  const void* data = nullptr;
-  unsigned long size = 0;
-  wide->GetData(&data, &size);
-  EXPECT_EQ(size, 16u);
-  EXPECT_EQ(wide->Reserve(1), block + 16);
-}
-
 TEST_F(QueueBufferTest, SamplesAreReadOldestFirstAndARecommittedBlockMovesToTheBack) {
   auto buffer = Make(1024);
   void* a = Write(*buffer, "a");
@@ -189,22 +161,6 @@ TEST_F(QueueBufferTest, PushOnCommitDeliversEachSampleAndFlushDrainsWhatIsQueued
   EXPECT_EQ(manager.pushes.size(), 6u) << "an unbound buffer pushes nothing";
 }
 
-
-TEST_F(QueueBufferTest, ResetEmptiesTheQueueAndRebindsWhereClearKeepsIt) {
-  manager.drain = false;
-  auto buffer = Make(1024, QueueBuffer::kPushOnCommit);
-  Write(*buffer, "a");
-  buffer->Clear();
-  EXPECT_NE(Oldest(*buffer), nullptr);  // dangling now; never read
-
-  buffer->Reset(77);
-  EXPECT_EQ(Oldest(*buffer), nullptr);
-  EXPECT_TRUE(Arenas(*buffer).empty());
-  Write(*buffer, "c");
-  ASSERT_EQ(manager.pushes.size(), 2u);
-  EXPECT_EQ(manager.pushes[1].binding, 77u);
-  EXPECT_EQ(manager.pushes[1].sample, "c");
-}
 
 TEST_F(QueueBufferTest, TimeBasedSampleReachesConsumersWithTag199AndIsReleased) {
   new ConduitState(&conduit, node);
