@@ -306,6 +306,7 @@ int main(int argc, char** argv) {
   }
   if (options.net.Any() && !ConfigureTransport(host, options.netModule, options.net)) {
     return kUsageError;
+  }
   const std::string exporter = FirstThatExists(
       {options.moduleDir.empty() ? KT_INSTALLED_EXPORTER : options.moduleDir + "/" KT_EXPORTER_FILE,
        KT_INSTALLED_EXPORTER, KT_BUILD_EXPORTER});

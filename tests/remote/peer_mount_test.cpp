@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kt/peer_mount.h"
+#include "remote/client_manager_proxy.h"
 #include "support/harness.h"
 #include "transport/queue_buffer.h"
 
@@ -75,8 +76,25 @@ class PeerMountTest : public ::testing::Test {
     EXPECT_EQ(far.Add("p", &publisher), KT_STATUS_SUCCESS);
     EXPECT_EQ(far.Add("echo", &echo), KT_STATUS_SUCCESS);
     EXPECT_EQ(far.Add("slow", &slow), KT_STATUS_SUCCESS);
-    Metric::Description full = FullDescription("m");
+    // Every field set, so that a field lost on the way shows.
+    Metric::Description full = Describe("m", 3, 10, 0x100);
+    full.id = 17;
+    full.list1 = {1, 2};
     full.setIds = {4, 5};
+    full.word2 = 5;
+    full.byte1 = 6;
+    full.text1 = "one";
+    full.text2 = "two";
+    full.text3 = "three";
+    full.text4 = "four";
+    full.text5 = "five";
+    full.word3 = 7;
+    full.text6 = "six";
+    full.byte2 = 8;
+    full.block[0] = 0x1111;
+    full.block[1] = 0x2222;
+    full.byte3 = 9;
+    full.word5 = 11;
     metric = far.Publish(&publisher, full);
     far.Publish(&publisher, Describe("m2"));
     toFar.far = &far.manager;
@@ -165,7 +183,7 @@ TEST_F(PeerMountTest, CallsThroughTheMountAnswerAsTheFarClientManagerDoes) {
 }
 
 TEST_F(PeerMountTest, MountAndUnmountRefuseWhatTheyCannotServe) {
-  RecordingClientManager foreign;
+  ClientManagerProxy foreign(0, 0, "", nullptr, 0, 0);  // a client manager of another class
   FakePeer handMade;
   Path* peers = near.registry().GetChild("peers", 0);
   new PeerState(&handMade, peers->GetChild(0x1234ul << 32, kPathCreate | kPathNoHandleEntry));
