@@ -285,7 +285,7 @@ KT_STATUS DefaultClientManager::__GetMetricDescriptor(unsigned long metric,
   Path* node = Resolve(metric);
   auto* state = StateAt<MetricState>(node);
   if (state == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "metric");
-  if ((state->m_description.flags & Metric::kFlagTimeBased) == 0) {
+  if ((state->Flags() & Metric::kFlagTimeBased) == 0) {
     // The parent is read as a publisher only when its type word says it is
     // one: a metric filed under any other node must not have that node's
     // payload taken for a publisher's.
@@ -295,7 +295,7 @@ KT_STATUS DefaultClientManager::__GetMetricDescriptor(unsigned long metric,
                           ? dynamic_cast<PublisherState*>(owner)
                           : nullptr;
     if (publisher != nullptr && !publisher->GetTimeBasedMetrics().empty()) {
-      state->m_description.flags |= kFlagPublisherHasTimeBased;  // kept in the registry
+      state->SetFlags(kFlagPublisherHasTimeBased, true);  // kept in the registry
     }
   }
   *out_desc = static_cast<Metric::Description>(*state);
@@ -420,7 +420,7 @@ KT_STATUS DefaultClientManager::BindHere(ConduitState* state, unsigned long metr
   Path* node = Resolve(metric);
   auto* metricState = StateAt<MetricState>(node);
   if (metricState == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "metric");
-  if ((metricState->m_description.flags & Metric::kFlagAvailable) == 0) {
+  if ((metricState->Flags() & Metric::kFlagAvailable) == 0) {
     return Fail(KT_STATUS_NOT_AVAILABLE, "metric");
   }
   return state->Bind(node, metric);

@@ -53,14 +53,23 @@ MetricState::~MetricState() {
   }
 }
 
-MetricState::operator Metric::Description() const { return m_description; }
+MetricState::operator Metric::Description() const {
+  std::lock_guard<LeafMutex> hold(m_flagsLock);
+  return m_description;
+}
+
+unsigned int MetricState::Flags() const {
+  std::lock_guard<LeafMutex> hold(m_flagsLock);
+  return m_description.flags;
+}
+
+void MetricState::SetFlags(unsigned int bits, bool on) {
+  std::lock_guard<LeafMutex> hold(m_flagsLock);
+  m_description.flags = on ? (m_description.flags | bits) : (m_description.flags & ~bits);
+}
 
 void MetricState::UpdateAvailablity(bool available) {
-  if (available) {
-    m_description.flags |= Metric::kFlagAvailable;
-  } else {
-    m_description.flags &= ~Metric::kFlagAvailable;
-  }
+  SetFlags(Metric::kFlagAvailable, available);
   Registry* registry = RegistryOf(m_path);
   if (registry == nullptr) return;
   const unsigned long handle = m_path->GetHandle();
@@ -81,7 +90,7 @@ void MetricState::UpdateAvailablity(bool available) {
 }
 
 KT_STATUS MetricState::Bind(Path* conduitPath) {
-  m_description.flags |= Metric::kFlagBound;
+  SetFlags(Metric::kFlagBound, true);
   Path* bindings = m_path->GetChild("bindings", kPathCreate | kPathUnlisted | kPathNoHandleEntry);
   bindings->AddSymlink(conduitPath);
   return KT_STATUS_SUCCESS;
@@ -91,7 +100,7 @@ KT_STATUS MetricState::Unbind(Path* conduitPath) {
   Path* bindings = m_path->GetChild("bindings", 0);
   if (bindings == nullptr) return Fail(KT_STATUS_INVALID_OBJECT, "conduitpath");
   if (m_state != kMetricStateDying) bindings->RemoveSymlink(conduitPath->GetHandle());
-  if (!bindings->HasChildren()) m_description.flags &= ~Metric::kFlagBound;
+  if (!bindings->HasChildren()) SetFlags(Metric::kFlagBound, false);
   return KT_STATUS_SUCCESS;
 }
 

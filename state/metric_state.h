@@ -7,12 +7,14 @@
 // registry's state listeners.
 //
 // Threads: the description is written by the publisher's calls and read by
-// clients; the tree's node locks guard "bindings" and the walks over
+// clients; its flags change while clients copy it (a binding, availability),
+// so they are read and written under a small lock of their own; the tree's node locks guard "bindings" and the walks over
 // "consumers". Listener calls are made under the read lock of "consumers".
 #ifndef KT_STATE_METRIC_STATE_H_
 #define KT_STATE_METRIC_STATE_H_
 
 #include "kt/metric.h"
+#include "foundation/leaf_mutex.h"
 #include "kt/status.h"
 #include "registry/path.h"
 #include "registry/path_data.h"
@@ -45,6 +47,9 @@ class MetricState : public PathData {
 
   // A copy of the description with the flags as they stand.
   operator Metric::Description() const;
+  // The flags as they stand; sets (on) or clears (off) `bits` of them.
+  unsigned int Flags() const;
+  void SetFlags(unsigned int bits, bool on);
 
   // Sets or clears the availability bit and tells the consumers that listen
   // and the registry's listeners (event 3 or 4).
@@ -63,6 +68,8 @@ class MetricState : public PathData {
   }
 
   Metric::Description m_description;
+  // Guards m_description.flags once the state is filed.
+  mutable LeafMutex m_flagsLock;
 };
 
 }  // namespace MetricsFramework

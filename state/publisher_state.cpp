@@ -59,7 +59,7 @@ KT_STATUS PublisherState::UnpublishMetric(unsigned long metricHandle) {
   Notify(kEventMetricUnpublished, metricHandle);
   UpdateAvailability(node);
   MetricState* metric = MetricOf(node);
-  if (metric != nullptr && (metric->m_description.flags & Metric::kFlagTimeBased)) {
+  if (metric != nullptr && (metric->Flags() & Metric::kFlagTimeBased)) {
     auto it = std::find(m_timeBasedMetrics.begin(), m_timeBasedMetrics.end(), metricHandle);
     if (it != m_timeBasedMetrics.end()) m_timeBasedMetrics.erase(it);
   }
@@ -97,13 +97,13 @@ void PublisherState::UpdateAvailability(Path* node) {
       if (!Lists(d.setIds, set)) sharedByAllBound = false;
     });
     if (sharedByAllBound) {
-      if ((metric->m_description.flags & Metric::kFlagAvailable) == 0) {
+      if ((metric->Flags() & Metric::kFlagAvailable) == 0) {
         metric->UpdateAvailablity(true);
       }
       return;
     }
   }
-  if (metric->m_description.flags & Metric::kFlagAvailable) metric->UpdateAvailablity(false);
+  if (metric->Flags() & Metric::kFlagAvailable) metric->UpdateAvailablity(false);
 }
 
 KT_STATUS PublisherState::Bind(unsigned long metricHandle, Path* conduitPath,

@@ -27,8 +27,6 @@ std::string ReadFile(const std::string& path) {
 TEST(KtHostHttpTest, WatchServesTheMachinesMetricsWhileItRuns) {
   const std::string log = OutputDir() + "/kt_host_http.log";
   setenv("KT_SYSTEM_PUBLISHER_PERIOD_MS", "100", 1);
-  const char* tsan = std::getenv("TSAN_OPTIONS");
-  setenv("TSAN_OPTIONS", (std::string(tsan != nullptr ? tsan : "") + ":suppressions=" KT_HOST_TSAN_SUPP).c_str(), 1);
   Child host({KT_HOST_PATH, "watch", "--seconds", "30", "--format", "lines", "--http", "127.0.0.1:0"},
              log);
   int port = 0;
