@@ -182,13 +182,15 @@ std::vector<Command> AddCommands(CLI::App& app, Options& options) {
 
 void AddNetworkCommands(CLI::App& app, Options& options, std::vector<Command>* commands) {
   CLI::App* serve = app.add_subcommand(
-      "serve", "Serve this host's registry to its peers until SIGINT or SIGTERM (needs "
-               "--listen or --connect)");
+      "serve", "Serve this host's registry to its peers, its metrics over HTTP, or both, until "
+               "SIGINT or SIGTERM (needs --listen, --connect or --http)");
   serve->add_option("--seconds", options.serveSeconds, "Stop after N seconds; 0 never")
       ->check(CLI::NonNegativeNumber)
       ->capture_default_str();
   serve->callback([&options] {
-    if (!options.net.Any()) throw CLI::ValidationError("serve", "needs --listen or --connect");
+    if (!options.net.Any() && options.http.empty()) {
+      throw CLI::ValidationError("serve", "needs --listen, --connect or --http");
+    }
     options.serving = true;
   });
   commands->push_back({serve, [&options](HostLoader& host) {

@@ -136,12 +136,16 @@ void WaitForDialledPeers(HostLoader& host, size_t count) {
 }
 
 int ServeCommand(HostLoader& host, const std::string& modulePath, long seconds) {
-  const auto endpoint =
-      Lookup<KTNetTransportGetEndpointFn>(host, modulePath, "KTNetTransportGetEndpoint");
-  if (endpoint == nullptr) return kCommandFailed;
-  char text[512];
-  for (unsigned int i = 0; endpoint(i, text, sizeof text) == KT_STATUS_SUCCESS; ++i) {
-    std::printf("listening on %s\n", text);
+  // Without network options (serve --http) there is no transport to ask.
+  const bool linked = !modulePath.empty();
+  if (linked) {
+    const auto endpoint =
+        Lookup<KTNetTransportGetEndpointFn>(host, modulePath, "KTNetTransportGetEndpoint");
+    if (endpoint == nullptr) return kCommandFailed;
+    char text[512];
+    for (unsigned int i = 0; endpoint(i, text, sizeof text) == KT_STATUS_SUCCESS; ++i) {
+      std::printf("listening on %s\n", text);
+    }
   }
   unsigned long root = 0;
   host.Client()->GetPath(0, "", &root);
@@ -156,6 +160,7 @@ int ServeCommand(HostLoader& host, const std::string& modulePath, long seconds) 
     if (seconds > 0 && left <= 0) break;
     Nap(seconds > 0 && left < 200 ? left : 200);
   }
+  if (!linked) return 0;
   const auto counter = Lookup<CounterFunction>(host, modulePath, "KTNetTransportGetCounter");
   unsigned long frames = 0, errors = 0;
   if (counter != nullptr && counter("frames", &frames) == KT_STATUS_SUCCESS &&

@@ -217,6 +217,7 @@ TEST_F(KtHostTest, BadOptionsAndUnloadableModulesAreUsageErrors) {
       {"watch --seconds soon", "--seconds"},
       {"watch --seconds=-1", "--seconds"},
       {"watch --format xml", "--format"},
+      {"serve", "needs --listen, --connect or --http"},
       {"tree --match x", "--match"},
       {"--load", "--load"},
       {"--load /nonexistent.so tree", "kt-host: cannot load module"},
