@@ -23,12 +23,6 @@ namespace fuzz {
 
 namespace {
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "fuzz check failed: %s\n", what);
-  std::abort();
-}
-
 // Sums of bytes read only to make the sanitizer look at them land here.
 volatile unsigned long g_sink;
 

@@ -17,9 +17,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 
 namespace MetricsFramework {
 namespace fuzz {
+
+// What must hold for every input: prints `what` and aborts when it does not.
+inline void Check(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "fuzz check failed: %s\n", what);
+  std::abort();
+}
 
 // Request records served one after the other by ClientCommandMethod::Run in
 // a freshly populated process (fuzz/served_process.h), so that a request

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/entries.h"
 #include "fuzz/served_process.h"
 #include "kt/peer_mount.h"
 #include "net_transport/frame.h"
@@ -19,11 +20,7 @@ namespace fuzz {
 
 namespace {
 
-void Check(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "fuzz check failed: %s\n", what);
-  std::abort();
-}
+using MetricsFramework::fuzz::Check;
 
 // The frame the encoders make of what the decoders read, or "" when the
 // message is not a frame.
