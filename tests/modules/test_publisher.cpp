@@ -1,8 +1,8 @@
 // A publisher module built against include/ only, with its own export table.
 #include <cstring>
 #include <map>
-#include <memory>
 #include <string>
+#include <tuple>
 
 #include "kt/export_table.h"
 #include "kt/extension_manager.h"
@@ -14,15 +14,13 @@ namespace {
 
 using namespace MetricsFramework;
 
-class Bound : public IBoundMetric {
- public:
-  explicit Bound(unsigned long metric) : metric(metric) {}
+struct Bound : IBoundMetric {
   void AttachBuffer(unsigned long, IWriteBuffer* writer) override { buffer = writer; }
   void DetachBuffer(unsigned long) override { buffer = nullptr; }
   unsigned long GetMetricHandle() override { return metric; }
   bool IsAttached(unsigned long) override { return buffer != nullptr; }
   void Flush(unsigned long) override {}
-  unsigned long metric;
+  unsigned long metric = 0;
   IWriteBuffer* buffer = nullptr;
 };
 
@@ -33,61 +31,39 @@ class TestPublisher : public IPublisher, public kt_test::ITestPublisher {
     return IPublisher::CastTo(name);
   }
   IBoundMetric* BindMetric(unsigned long metric, Path*, IReadWriteBuffer*, IBoundMetric**) override {
-    auto bound = std::make_unique<Bound>(metric);
-    IBoundMetric* made = bound.get();
-    bounds[made] = std::move(bound);
-    return made;
+    Bound& bound = bounds[metric];
+    bound.metric = metric;
+    return &bound;
   }
-  void UnbindMetric(unsigned long, IBoundMetric* bound) override { bounds.erase(bound); }
+  void UnbindMetric(unsigned long metric, IBoundMetric*) override { bounds.erase(metric); }
   void OnLoad() override {
-    Publish("cpu", 11, 0xFFFFFFFF);
-    Publish("user", 21, 1);
-    Publish("system", 22, 1);
-    std::vector<std::string> order{"usage"};
-    GetExtensionManager()->PublishGroupOrder(this, order);
-    GetExtensionManager()->PublishSetNames(this, {{1, "usage"}});
-  }
-  void OnUnload() override {
-    // Told before the node goes: stop writing and let every bound metric go.
-    unloaded = true;
-    bounds.clear();
-  }
-
-  bool Write(const char* uri, const std::string& bytes) override {
-    const unsigned long metric = handles[uri];
-    for (auto& entry : bounds) {
-      Bound* bound = entry.second.get();
-      if (bound->metric != metric || bound->buffer == nullptr) continue;
-      void* block = bound->buffer->Reserve(bytes.size());
-      std::memcpy(block, bytes.data(), bytes.size());
-      bound->buffer->Commit(block);
-      return true;
+    using Row = std::tuple<const char*, unsigned int, unsigned int>;  // uri, tag, group
+    for (const auto& [uri, tag, group] :
+         {Row{"cpu", 11, 0xFFFFFFFF}, Row{"user", 21, 1}, Row{"system", 22, 1}}) {
+      Metric::Description desc;
+      desc.uri = uri, desc.word1 = tag, desc.word4 = group;
+      GetExtensionManager()->PublishMetric(this, desc, &handles[uri]);
     }
-    return false;
   }
-  int BoundCount() override { return static_cast<int>(bounds.size()); }
-  bool Unloaded() override { return unloaded; }
-
- private:
-  void Publish(const char* uri, unsigned int tag, unsigned int group) {
-    Metric::Description desc;
-    desc.uri = uri;
-    desc.word1 = tag;
-    desc.word4 = group;
-    GetExtensionManager()->PublishMetric(this, desc, &handles[uri]);
+  void OnUnload() override { bounds.clear(); }  // told before the node goes
+  bool Write(const char* uri, const std::string& bytes) override {
+    auto bound = bounds.find(handles[uri]);
+    if (bound == bounds.end() || bound->second.buffer == nullptr) return false;
+    void* block = bound->second.buffer->Reserve(bytes.size());
+    std::memcpy(block, bytes.data(), bytes.size());
+    bound->second.buffer->Commit(block);
+    return true;
   }
 
-  std::map<IBoundMetric*, std::unique_ptr<Bound>> bounds;
+  std::map<unsigned long, Bound> bounds;  // by metric handle
   std::map<std::string, unsigned long> handles;
-  bool unloaded = false;
 };
-
-IExtension* CreateTestPublisher() { return static_cast<IPublisher*>(new TestPublisher); }
 
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) const ExtensionExportRow
     __extension_export_table__[2] = {
-        {"TestPublisher", kExportKindExtension, kExportRowMagic, 0, &CreateTestPublisher},
+        {"TestPublisher", kExportKindExtension, kExportRowMagic, 0,
+         []() -> IExtension* { return static_cast<IPublisher*>(new TestPublisher); }},
         {"", 0, 0, 0, nullptr},
 };
