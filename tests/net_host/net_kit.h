@@ -138,7 +138,7 @@ class ServedHost {
   ServedHost(const ServedHost&) = delete;
   ServedHost& operator=(const ServedHost&) = delete;
 
-  // Runs `path` with `args`; false when it does not say it serves within 10 s.
+  // Runs `path` with `args`; false when it does not say it serves within 20 s.
   bool Start(const char* path, std::vector<std::string> args) {
     std::vector<char*> argv{const_cast<char*>(path)};
     for (std::string& arg : args) argv.push_back(arg.data());
@@ -183,10 +183,10 @@ class ServedHost {
 
  private:
   // Reads until `text` came, or with null to the end; false when the output
-  // ended first or 10 s passed. The hosts print each line in one write.
+  // ended first or 20 s passed. The hosts print each line in one write.
   bool ReadUntil(const char* text) {
     pollfd item{m_out, POLLIN, 0};
-    for (int waited = 0; waited < 10000; waited += 50) {
+    for (int waited = 0; waited < 20000; waited += 50) {
       if (text != nullptr && m_output.find(text) != std::string::npos) return true;
       char chunk[4096];
       const ssize_t got = poll(&item, 1, 50) > 0 ? read(m_out, chunk, sizeof chunk) : -2;

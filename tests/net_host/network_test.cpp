@@ -26,7 +26,7 @@ std::string AwaitReply(Socket& peer, uint64_t correlation) {
   return "";
 }
 
-// Runs kt-host with `args` to its end (at most 10 s); its output.
+// Runs kt-host with `args` to its end (at most 20 s); its output.
 std::string RunHost(const std::vector<std::string>& args) {
   ServedHost run;
   run.Start(KT_HOST_PATH, args);

@@ -187,8 +187,7 @@ class LinkTest : public ::testing::Test {
                                    const std::string& endpoint = "tcp://127.0.0.1:*", bool dial = false) {
     auto peer = std::make_unique<ServedHost>();
     EXPECT_TRUE(peer->Start("/proc/self/exe", {"--peer", dial ? "--connect" : "--listen", endpoint, "--name",
-                                               name, "--serve", policy, "--heartbeat-ms", "100",
-                                               "--deadline-ms", "3000"}))
+                                               name, "--serve", policy, "--heartbeat-ms", "100"}))
         << peer->Output();
     return peer;
   }
@@ -323,8 +322,6 @@ TEST_F(LinkTest, MutualMountsABouncingCallAndRemovalEndWithinTheDeadline) {
   const auto start = Clock::now();
   EXPECT_NE(Call(there, chain(60, there)), 0);
   EXPECT_LT(MsSince(start), 1500);
-  // Every hop had that deadline (not its side's 3 s): the workers are free again.
-  EXPECT_EQ(Call(Remote("methods/echo"), "x"), 0);
   // Removing the transport fails a call in flight at once and leaves nothing filed.
   auto blocked = std::async(std::launch::async, [&] { return Call(Remote("methods/block"), "10000"); });
   std::this_thread::sleep_for(milliseconds(100));
