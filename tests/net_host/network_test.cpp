@@ -68,9 +68,9 @@ TEST_F(NetworkTest, ACurveHostAnswersAllowedPeersAsTheProtocolSaysAndNoOneElse) 
                                         "--curve-allow", File("allow")}))
       << host.Output();
   Socket stranger(ZMQ_DEALER), plain(ZMQ_DEALER), hostile(ZMQ_DEALER), good(ZMQ_DEALER);
-  Curve(stranger, "stranger");
-  Curve(hostile, "client");
-  Curve(good, "client");
+  for (auto [socket, key] : {std::pair{&stranger, "stranger"}, {&hostile, "client"}, {&good, "client"}}) {
+    Curve(*socket, key);
+  }
   for (Socket* peer : {&stranger, &plain, &hostile, &good}) {
     ASSERT_TRUE(peer->Connect(host.Endpoint()));
     ASSERT_TRUE(peer->Send({Request(1, 4)}));  // before its hello: an error, if decoded

@@ -40,8 +40,7 @@ KT_STATUS CallMethod(IClientManager* client, unsigned long method, const std::st
   return status;
 }
 
-// Ops 1 to 5 and 9 about a test host's nodes below `prefix` ("" in its own
-// process, "peers/<name>" across a mount): every status, handle and field.
+// Ops 1-5 and 9 on a test host's nodes below `prefix` ("", or "peers/<name>").
 std::string Answers(IClientManager* client, const std::string& prefix) {
   const std::string below = prefix.empty() ? "" : prefix + "/";
   auto List = [](const auto& values) {
@@ -122,9 +121,8 @@ struct TestExtensions {
   }};
 };
 
-// A test host: kt-host's loader with the library, `extensions`, two metrics and
-// the transport module, which the next AddOpenedModules adds and starts. The
-// first call files the client manager's conduit here, before another thread could.
+// A test host: the library, `extensions`, two metrics and the transport module,
+// which AddOpenedModules starts. The first call files the client manager's conduit.
 bool OpenHost(kt_host::HostLoader& host, TestExtensions& extensions) {
   const std::pair<const char*, IKTExtensionBase*> filed[] = {
       {"PeerPublisher", &extensions.publisher}, {"echo", &extensions.echo},
@@ -158,6 +156,13 @@ std::string Endpoint(kt_host::HostLoader& host) {
              KT_NET_MODULE_PATH, "KTNetTransportGetEndpoint"))(0, out, sizeof out) == 0 ? out : "";
 }
 
+// Removes the transport, if filed, before the methods its threads serve go.
+void StopTransport(kt_host::HostLoader& host) {
+  if (IExtension* transport = host.FindExtension("NetTransport")) {
+    host.RemoveExtension(static_cast<IKTExtensionBase*>(transport->CastTo("IKTExtensionBase")));
+  }
+}
+
 // Waits, for at most five seconds, until `done` holds.
 template <typename Done>
 bool Eventually(Done done) {
@@ -179,6 +184,7 @@ class LinkTest : public ::testing::Test {
          {"name", "local"}, {"heartbeat-ms", "100"}, {"grace-ms", "3600000"},
          {"deadline-ms", "2000"}, {"grace-ms", "5000"}});
   }
+  void TearDown() override { StopTransport(host); }
   void Set(const std::vector<std::pair<const char*, std::string>>& settings) {
     for (const auto& [key, value] : settings) ASSERT_EQ(Configure(host, key, value), 0) << key;
   }
@@ -224,7 +230,6 @@ TEST_F(LinkTest, PeersAnswerAsInTheirOwnProcessWithinTheirPolicyAndLinkOnce) {
   EXPECT_EQ(Call(PathHandle(host.Client(), "methods/answers"), "peers/full", &here), 0);
   EXPECT_EQ(Call(Remote("methods/answers", "full"), "", &there), 0);
   EXPECT_EQ(here, there);
-  // Under "none" not even a path resolves: a peer's root is its GUID shifted up.
   unsigned int count = 0;
   const unsigned long noneRoot = static_cast<unsigned long>(peers[2].second->Guid()) << 32;
   const std::pair<const char*, std::pair<KT_STATUS, KT_STATUS>> rows[] = {
@@ -261,7 +266,7 @@ TEST_F(LinkTest, PeersAnswerAsInTheirOwnProcessWithinTheirPolicyAndLinkOnce) {
   EXPECT_EQ(Remote("conduits/NetLink-2", "full"), 0u);
   EXPECT_NE(PathHandle(host.Client(), "conduits/NetLink-5"), 0u) << "five dialled links";
   EXPECT_EQ(PathHandle(host.Client(), "conduits/NetLink-6"), 0u) << "none accepted";
-  EXPECT_EQ(peers[0].second->Stop(), 0) << "a peer stops cleanly, its threads joined";
+  EXPECT_EQ(peers[0].second->Stop(), 0) << "a peer stops cleanly:\n" << peers[0].second->Output();
 }
 
 TEST_F(LinkTest, AMethodThatBlocksFailsAtTheDeadlineAndItsLateReplyIsDropped) {
@@ -326,8 +331,7 @@ TEST_F(LinkTest, MutualMountsABouncingCallAndRemovalEndWithinTheDeadline) {
   auto blocked = std::async(std::launch::async, [&] { return Call(Remote("methods/block"), "10000"); });
   std::this_thread::sleep_for(milliseconds(100));
   const auto removed = Clock::now();
-  host.RemoveExtension(
-      static_cast<IKTExtensionBase*>(host.FindExtension("NetTransport")->CastTo("IKTExtensionBase")));
+  StopTransport(host);
   EXPECT_EQ(blocked.get(), KT_STATUS_NOT_AVAILABLE);
   EXPECT_LT(MsSince(removed), 500) << "long before the deadline";
   EXPECT_EQ(Mounts(), 0u);
@@ -337,9 +341,8 @@ TEST_F(LinkTest, MutualMountsABouncingCallAndRemovalEndWithinTheDeadline) {
 }  // namespace
 }  // namespace net_test
 
-// With --peer this program is a test host that sets each --KEY VALUE given,
-// starts the transport, says what `kt-host serve` says ("listening on",
-// "serving registry GUID 0x") and stops cleanly on SIGTERM or SIGINT.
+// With --peer: a test host that sets each --KEY VALUE given, starts the transport,
+// says what `kt-host serve` says, and stops cleanly on SIGTERM or SIGINT.
 int main(int argc, char** argv) {
   if (argc < 2 || std::string(argv[1]) != "--peer") {
     ::testing::InitGoogleTest(&argc, argv);
@@ -360,5 +363,7 @@ int main(int argc, char** argv) {
               net_test::PathHandle(host.Client(), "") >> 32);
   std::fflush(stdout);
   int signal = 0;
-  return sigwait(&stop, &signal);
+  sigwait(&stop, &signal);
+  net_test::StopTransport(host);
+  return 0;
 }
