@@ -1,5 +1,5 @@
 // A GetResourceInfo round trip across a link of the network transport: a
-// client written with plain libzmq (tests/net_host/raw_zmq.h) sends the op-4
+// client written with plain libzmq (tests/net_host/net_kit.h) sends the op-4
 // request frame for the root to a `kt-host serve` process and waits for its
 // reply frame, over ipc and over tcp on loopback. The baseline is a bare
 // DEALER/ROUTER round trip of the same request and reply bytes in this
@@ -19,8 +19,7 @@
 #include <thread>
 #include <vector>
 
-#include "net_host/raw_zmq.h"
-#include "net_host/served_host.h"
+#include "net_host/net_kit.h"
 
 namespace {
 
@@ -35,8 +34,8 @@ struct Served {
   bool ready = false;
 
   Served() {
-    ready = host.Start({"--no-examples", "serve", "--listen", "ipc://" + dir.Path() + "/kt.sock",
-                        "--listen", "tcp://127.0.0.1:0"});
+    ready = host.Start(KT_HOST_PATH, {"--no-examples", "serve", "--listen",
+                                      "ipc://" + dir.Path() + "/kt.sock", "--listen", "tcp://127.0.0.1:0"});
     const std::string& out = host.Output();
     for (size_t at = out.find("listening on "); at != std::string::npos;
          at = out.find("listening on ", at + 1)) {
@@ -50,7 +49,7 @@ struct Served {
   }
 };
 
-const std::string kRequest = Request(1, Record(4, {0}));
+const std::string kRequest = Request(1, 4, {0});
 
 // A registry links once: every run says hello as a new one.
 uint32_t NextGuid() {
@@ -70,8 +69,7 @@ std::string AwaitReply(Socket& peer) {
 void LinkRoundTrip(benchmark::State& state, bool ipc) {
   Served& served = Served::Get();
   if (!served.ready) return state.SkipWithError("kt-host serve did not start");
-  Context context;
-  Socket peer(context, ZMQ_DEALER);
+  Socket peer(ZMQ_DEALER);
   peer.Connect(ipc ? served.ipc : served.tcp);
   if (!Handshake(peer, NextGuid())) return state.SkipWithError("no welcome");
   const std::string heartbeat = Frame(kHeartbeat, "");
@@ -89,17 +87,16 @@ void LinkRoundTrip(benchmark::State& state, bool ipc) {
 void BareRoundTrip(benchmark::State& state, bool ipc) {
   Served& served = Served::Get();
   if (!served.ready) return state.SkipWithError("kt-host serve did not start");
-  Context context;
   std::string reply;
   {
-    Socket peer(context, ZMQ_DEALER);
+    Socket peer(ZMQ_DEALER);
     peer.Connect(served.tcp);
     if (!Handshake(peer, NextGuid()) || !peer.Send({kRequest})) {
       return state.SkipWithError("no welcome");
     }
     reply = AwaitReply(peer);
   }
-  Socket router(context, ZMQ_ROUTER);
+  Socket router(ZMQ_ROUTER);
   const std::string endpoint =
       router.Bind(ipc ? "ipc://" + served.dir.Path() + "/bare.sock" : "tcp://127.0.0.1:*");
   std::thread answer([&router, &reply] {
@@ -109,7 +106,7 @@ void BareRoundTrip(benchmark::State& state, bool ipc) {
       router.Send({got[0], reply});
     }
   });
-  Socket peer(context, ZMQ_DEALER);
+  Socket peer(ZMQ_DEALER);
   peer.Connect(endpoint);
   for (auto _ : state) {
     peer.Send({kRequest});

@@ -1,372 +1,369 @@
-// Links between this test process and net_peer processes it starts: mounts,
-// calls, serve policies, deadlines, a killed and restarted peer, mutual
-// mounts, concurrent clients and removal. Loopback and ipc only; every wait
-// is bounded, every child killed by the test that started it.
-#include <fcntl.h>
-#include <poll.h>
+// Links between this test process and peers it starts (this program run with
+// --peer, see main), over loopback and ipc: every wait bounded, every child
+// killed by the test that started it.
 #include <signal.h>
-#include <spawn.h>
-#include <stdlib.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <future>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "net_host.h"
-
-extern char** environ;
+#include "host_loader.h"
+#include "kt/net_transport.h"
+#include "net_host/net_kit.h"
+#include "support/fakes.h"
 
 namespace net_test {
 namespace {
 
 using namespace MetricsFramework;
+using kt_net_test::ServedHost;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// A net_peer process: started with fork+exec (posix_spawn), read until it is
-// ready, killed when the object goes.
-class PeerProcess {
- public:
-  explicit PeerProcess(std::vector<std::string> args) {
-    int out[2], in[2];
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    args.insert(args.begin(), KT_NET_PEER_PATH);
-    std::vector<char*> argv;
-    for (std::string& arg : args) argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&m_pid, KT_NET_PEER_PATH, &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    close(out[1]);
-    close(in[0]);
-    m_out = out[0];
-    m_in = in[1];
-    m_ready = ReadUntilReady();
-  }
-  ~PeerProcess() { Kill(); }
-  PeerProcess(const PeerProcess&) = delete;
-  PeerProcess& operator=(const PeerProcess&) = delete;
+unsigned long PathHandle(IClientManager* client, const std::string& path) {
+  unsigned long handle = 0;
+  return client->GetPath(0, path.c_str(), &handle) == KT_STATUS_SUCCESS ? handle : 0;
+}
 
-  void Kill() {
-    if (m_pid > 0) {
-      kill(m_pid, SIGKILL);
-      waitpid(m_pid, nullptr, 0);
-    }
-    m_pid = -1;
-    if (m_out >= 0) close(m_out);
-    if (m_in >= 0) close(m_in);
-    m_out = m_in = -1;
+// Calls `method` with `argument`; its first reply record goes to *reply.
+KT_STATUS CallMethod(IClientManager* client, unsigned long method, const std::string& argument,
+                     std::string* reply = nullptr) {
+  testing_fakes::HostBuffer args(argument), returns;
+  const KT_STATUS status = client->CallRemoteMethodSync(method, &args, &returns);
+  if (reply != nullptr) *reply = returns.Records().empty() ? "" : returns.Records().front();
+  return status;
+}
+
+// Ops 1-5 and 9 on a test host's nodes below `prefix` ("", or "peers/<name>").
+std::string Answers(IClientManager* client, const std::string& prefix) {
+  const std::string below = prefix.empty() ? "" : prefix + "/";
+  auto List = [](const auto& values) {
+    std::ostringstream out;
+    for (auto value : values) out << value << ',';
+    return out.str();
+  };
+  std::ostringstream out;
+  const unsigned long root = PathHandle(client, prefix);
+  const unsigned long publisher = PathHandle(client, below + "publishers/PeerPublisher");
+  unsigned long handle = 0;
+  out << std::hex << "op1 " << root << ' ' << publisher << ' '
+      << client->GetPath(0, (below + "publishers/nothing").c_str(), &handle) << '\n';
+  for (unsigned long parent : {root, publisher}) {
+    unsigned int count = 0;
+    out << "op2 " << client->GetChildCount(parent, &count) << ' ' << count;
+    std::vector<unsigned long> children(count);
+    out << " op3 " << client->GetChildren(parent, children.data(), count) << ' ' << List(children) << '\n';
   }
-  // Closes the peer's input, which stops it, and waits at most five seconds
-  // for it to exit: its exit status, or -1 when it had to be killed.
-  int Quit() {
-    if (m_in >= 0) close(m_in);
-    m_in = -1;
-    for (const auto end = Clock::now() + std::chrono::seconds(5); m_pid > 0 && Clock::now() < end;) {
-      int status = 0;
-      if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      }
-      std::this_thread::sleep_for(milliseconds(10));
-    }
-    Kill();
-    return -1;
+  for (const char* metric : {"cpu_percent", "mem_used"}) {
+    ResourceInfo info{};
+    Metric::Description d;
+    out << "op1 " << client->GetPath(publisher, metric, &handle) << ' ' << handle << " op4 "
+        << client->GetResourceInfo(handle, &info) << " '" << info.name << "' " << info.data << ' '
+        << info.kind << ' ' << info.parent << ' ' << info.target << " op5 "
+        << client->GetMetricDescriptor(handle, &d) << ' ' << d.id << ' ' << d.flags << " ["
+        << List(d.list1) << "] " << d.word1 << " [" << List(d.setIds) << "] " << d.word2 << ' '
+        << int{d.byte1} << " '" << d.uri << "' '" << d.text1 << "' '" << d.text2 << "' '" << d.text3
+        << "' '" << d.text4 << "' '" << d.text5 << "' " << d.word3 << " '" << d.text6 << "' "
+        << int{d.byte2} << ' ' << d.block[0] << ':' << d.block[1] << ' ' << int{d.byte3} << ' '
+        << d.word4 << ' ' << d.word5 << '\n';
   }
-  bool Ready() const { return m_ready; }
-  std::string Endpoint(size_t i = 0) const { return i < m_endpoints.size() ? m_endpoints[i] : ""; }
-  const std::string& Answers() const { return m_answers; }
-  unsigned int Guid() const { return m_guid; }
+  std::string reply;
+  const unsigned long echo = PathHandle(client, below + "methods/echo");
+  out << "op9 " << echo << ' ' << CallMethod(client, echo, "hi", &reply) << " '" << reply << "'\n";
+  return out.str();
+}
+
+// A method that answers its argument record with at most one reply record.
+class Method : public IRemoteMethod {
+ public:
+  using Body = bool (*)(IClientManager* client, const std::string& argument, std::string* reply);
+  explicit Method(Body body) : m_body(body) {}
+  bool Run(const IReadBuffer* args, IWriteBuffer* returns) override {
+    const void* data = nullptr;
+    unsigned long size = 0;
+    args->GetData(&data, &size);
+    std::string reply;
+    const std::string argument(static_cast<const char*>(data), data != nullptr ? size : 0);
+    const bool ran = m_body(GetClientManager(), argument, &reply);
+    void* block = ran && !reply.empty() ? returns->Reserve(reply.size()) : nullptr;
+    if (block != nullptr) returns->Commit(std::memcpy(block, reply.data(), reply.size()));
+    return ran;
+  }
+  void GetRemoteMethodDesc(RemoteMethodDesc&) override {}
 
  private:
-  // Lines until "ready", for at most ten seconds.
-  bool ReadUntilReady() {
-    const auto end = Clock::now() + std::chrono::seconds(10);
-    std::string pending;
-    bool inAnswers = false;
-    while (m_pid > 0 && Clock::now() < end) {
-      pollfd item{m_out, POLLIN, 0};
-      if (poll(&item, 1, 100) <= 0) continue;
-      char chunk[4096];
-      const ssize_t n = read(m_out, chunk, sizeof chunk);
-      if (n <= 0) return false;
-      pending.append(chunk, static_cast<size_t>(n));
-      for (size_t eol; (eol = pending.find('\n')) != std::string::npos;) {
-        const std::string line = pending.substr(0, eol);
-        pending.erase(0, eol + 1);
-        if (line == "ready") return true;
-        if (inAnswers && line != "end") m_answers += line + '\n';
-        inAnswers = (inAnswers && line != "end") || line == "answers";
-        if (line.rfind("guid ", 0) == 0) m_guid = std::stoul(line.substr(5), nullptr, 16);
-        if (line.rfind("endpoint ", 0) == 0) m_endpoints.push_back(line.substr(9));
-      }
-    }
-    return false;
-  }
-
-  pid_t m_pid = -1;
-  int m_out = -1, m_in = -1;
-  bool m_ready = false;
-  unsigned int m_guid = 0;
-  std::string m_answers;
-  std::vector<std::string> m_endpoints;
+  Body m_body;
 };
+
+// What every test host files: a publisher and four methods. "relay" calls the
+// method its argument's first u64 names with the rest as argument.
+struct TestExtensions {
+  testing_fakes::CountingPublisher publisher;
+  testing_fakes::RecordingMethod echo{"echo", "echo:"};
+  Method block{[](IClientManager*, const std::string& milliseconds, std::string*) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::stol(milliseconds)));
+    return true;
+  }};
+  Method relay{[](IClientManager* client, const std::string& argument, std::string* reply) {
+    unsigned long next = 0;
+    std::memcpy(&next, argument.data(), std::min<size_t>(8, argument.size()));
+    return CallMethod(client, next, argument.substr(std::min<size_t>(8, argument.size())), reply) == 0;
+  }};
+  Method answers{[](IClientManager* client, const std::string& prefix, std::string* reply) {
+    *reply = Answers(client, prefix);
+    return true;
+  }};
+};
+
+// A test host: the library, `extensions`, two metrics and the transport module,
+// which AddOpenedModules starts. The first call files the client manager's conduit.
+bool OpenHost(kt_host::HostLoader& host, TestExtensions& extensions) {
+  const std::pair<const char*, IKTExtensionBase*> filed[] = {
+      {"PeerPublisher", &extensions.publisher}, {"echo", &extensions.echo},
+      {"block", &extensions.block}, {"relay", &extensions.relay}, {"answers", &extensions.answers}};
+  if (!host.OpenLibrary(KT_LIBRARY_PATH)) return false;
+  for (const auto& [name, extension] : filed) {
+    if (host.AddExtension(name, extension, nullptr) != KT_STATUS_SUCCESS) return false;
+  }
+  Metric::Description cpu = testing_fakes::Describe("cpu_percent", 101, 1);
+  cpu.id = 17;
+  cpu.list1 = {3, 1, 4};
+  cpu.block[1] = 6;
+  cpu.text1 = "share of CPU time spent busy";
+  unsigned long handle = 0;
+  host.Manager()->PublishMetric(&extensions.publisher, cpu, &handle);
+  host.Manager()->PublishMetric(&extensions.publisher, testing_fakes::Describe("mem_used", 102), &handle);
+  CallMethod(host.Client(), PathHandle(host.Client(), "methods/echo"), "");
+  return host.OpenModule(KT_NET_MODULE_PATH);
+}
+
+// Sets a key of the transport module, whose settings outlive a transport.
+KT_STATUS Configure(kt_host::HostLoader& host, const char* key, const std::string& value) {
+  return reinterpret_cast<KTNetTransportConfigureFn>(
+      host.FindSymbol(KT_NET_MODULE_PATH, "KTNetTransportConfigure"))(key, value.c_str());
+}
+
+// The running transport's first listening endpoint, "" when none.
+std::string Endpoint(kt_host::HostLoader& host) {
+  char out[1024] = {};
+  return reinterpret_cast<KTNetTransportGetEndpointFn>(host.FindSymbol(
+             KT_NET_MODULE_PATH, "KTNetTransportGetEndpoint"))(0, out, sizeof out) == 0 ? out : "";
+}
+
+// Removes the transport, if filed, before the methods its threads serve go.
+void StopTransport(kt_host::HostLoader& host) {
+  if (IExtension* transport = host.FindExtension("NetTransport")) {
+    host.RemoveExtension(static_cast<IKTExtensionBase*>(transport->CastTo("IKTExtensionBase")));
+  }
+}
 
 // Waits, for at most five seconds, until `done` holds.
 template <typename Done>
 bool Eventually(Done done) {
-  for (const auto end = Clock::now() + std::chrono::seconds(5); Clock::now() < end;) {
-    if (done()) return true;
-    std::this_thread::sleep_for(milliseconds(10));
-  }
+  const auto end = Clock::now() + std::chrono::seconds(5);
+  while (!done() && Clock::now() < end) std::this_thread::sleep_for(milliseconds(10));
   return done();
 }
 
-long ElapsedMs(Clock::time_point since) {
-  return static_cast<long>(std::chrono::duration_cast<milliseconds>(Clock::now() - since).count());
+long MsSince(Clock::time_point start) {
+  return static_cast<long>(std::chrono::duration_cast<milliseconds>(Clock::now() - start).count());
 }
 
-// This process's host; the peers it talks to are net_peer processes.
 class LinkTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(host.Open(KT_LIBRARY_PATH, KT_NET_MODULE_PATH)) << host.Error();
+    ASSERT_TRUE(OpenHost(host, extensions)) << host.Error();
     // The module's settings outlive a test: every one is set here.
     Set({{"listen", ""}, {"connect", ""}, {"serve", "full"}, {"mount", "dialled"},
          {"name", "local"}, {"heartbeat-ms", "100"}, {"grace-ms", "3600000"},
          {"deadline-ms", "2000"}, {"grace-ms", "5000"}});
   }
-  void TearDown() override { host.Stop(); }
-
-  void Set(std::vector<std::pair<const char*, std::string>> settings) {
-    for (const auto& [key, value] : settings) {
-      ASSERT_EQ(host.Configure(key, value), KT_STATUS_SUCCESS) << key << " " << value;
-    }
+  void TearDown() override { StopTransport(host); }
+  void Set(const std::vector<std::pair<const char*, std::string>>& settings) {
+    for (const auto& [key, value] : settings) ASSERT_EQ(Configure(host, key, value), 0) << key;
   }
-  // A peer that listens on `endpoint`, named "remote", with the options given.
-  std::unique_ptr<PeerProcess> Peer(std::vector<std::string> options,
-                                    const std::string& endpoint = "tcp://127.0.0.1:*") {
-    std::vector<std::string> args = {"--listen", endpoint, "--name", "remote",
-                                     "--heartbeat-ms", "100"};
-    args.insert(args.end(), options.begin(), options.end());
-    auto peer = std::make_unique<PeerProcess>(args);
-    EXPECT_TRUE(peer->Ready());
+  // A peer named `name` serving `policy` that listens on, or dials, `endpoint`.
+  std::unique_ptr<ServedHost> Peer(const char* name, const char* policy,
+                                   const std::string& endpoint = "tcp://127.0.0.1:*", bool dial = false) {
+    auto peer = std::make_unique<ServedHost>();
+    EXPECT_TRUE(peer->Start("/proc/self/exe", {"--peer", dial ? "--connect" : "--listen", endpoint, "--name",
+                                               name, "--serve", policy, "--heartbeat-ms", "100"}))
+        << peer->Output();
     return peer;
   }
-  // Starts this host dialling `peer` and waits for its mount.
-  bool Dial(const PeerProcess& peer, const char* mount = "peers/remote") {
-    if (host.Configure("connect", peer.Endpoint()) != KT_STATUS_SUCCESS) return false;
-    if (host.Start() != KT_STATUS_SUCCESS) return false;
-    return Mounted(mount);
+  // Starts the transport dialling `peer`, and waits for its mount "remote".
+  bool Dial(const ServedHost& peer) {
+    return Configure(host, "connect", peer.Endpoint()) == 0 && host.AddOpenedModules() &&
+           Eventually([&] { return Remote("") != 0; });
   }
-  bool Mounted(const std::string& mount) {
-    return Eventually([&] { return PathHandle(host.Client(), mount) != 0; });
+  unsigned long Remote(const std::string& path, const std::string& peer = "remote") {
+    return PathHandle(host.Client(), "peers/" + peer + (path.empty() ? "" : "/" + path));
   }
-  unsigned long Remote(const std::string& path) {
-    return PathHandle(host.Client(), path.empty() ? "peers/remote" : "peers/remote/" + path);
-  }
-  // How many peers are mounted, linked or not.
   unsigned int Mounts() {
     unsigned int count = 0;
     host.Client()->GetChildCount(PathHandle(host.Client(), "peers"), &count);
     return count;
   }
+  KT_STATUS Call(unsigned long method, const std::string& argument, std::string* reply = nullptr) {
+    return CallMethod(host.Client(), method, argument, reply);
+  }
 
-  NetHost host;
+  TestExtensions extensions;  // outlives the loader
+  kt_host::HostLoader host;
 };
 
-TEST_F(LinkTest, AnswersAcrossTheLinkEqualThoseOfTheServingProcess) {
-  auto peer = Peer({"--serve", "full", "--answers"});
-  ASSERT_TRUE(Dial(*peer));
-  ASSERT_FALSE(peer->Answers().empty());
-  EXPECT_EQ(Answers(host.Client(), "peers/remote"), peer->Answers());
-  // The peer's root shows as the mount.
-  ResourceInfo info{};
-  ASSERT_EQ(host.Client()->GetResourceInfo(Remote(""), &info), KT_STATUS_SUCCESS);
-  EXPECT_EQ(info.name, "remote");
-  EXPECT_EQ(info.parent, PathHandle(host.Client(), "peers"));
-  EXPECT_EQ(Remote("") >> 32, peer->Guid());
-  EXPECT_EQ(peer->Quit(), 0) << "the serving side stops cleanly, its threads joined";
-}
-
-TEST_F(LinkTest, OpsOutsideTheServePolicyAreRefused) {
-  auto browse = Peer({"--serve", "browse", "--name", "browse"});
-  auto none = Peer({"--serve", "none", "--name", "none"});
-  Set({{"connect", none->Endpoint()}});
-  ASSERT_TRUE(Dial(*browse, "peers/browse"));
-  ASSERT_TRUE(Eventually([&] { return Mounts() == 2; }));
-  const unsigned long echo = PathHandle(host.Client(), "peers/browse/methods/echo");
+TEST_F(LinkTest, PeersAnswerAsInTheirOwnProcessWithinTheirPolicyAndLinkOnce) {
+  const std::pair<const char*, std::unique_ptr<ServedHost>> peers[] = {
+      {"full", Peer("full", "full")}, {"browse", Peer("browse", "browse")}, {"none", Peer("none", "none")}};
+  for (const auto& [name, peer] : peers) Set({{"connect", peer->Endpoint()}});
+  Set({{"listen", "tcp://127.0.0.1:*"}});
+  ASSERT_TRUE(host.AddOpenedModules());
+  ASSERT_TRUE(Eventually([&] { return Mounts() == 3; }));
+  for (const auto& [name, peer] : peers) EXPECT_EQ(Remote("", name) >> 32, peer->Guid()) << name;
+  std::string here, there;
+  EXPECT_EQ(Call(PathHandle(host.Client(), "methods/answers"), "peers/full", &here), 0);
+  EXPECT_EQ(Call(Remote("methods/answers", "full"), "", &there), 0);
+  EXPECT_EQ(here, there);
   unsigned int count = 0;
-  // A peer's root is its GUID shifted up: under "none" not even a path
-  // through the mount resolves.
-  auto childCount = [&](const PeerProcess& peer) {
-    return host.Client()->GetChildCount(static_cast<unsigned long>(peer.Guid()) << 32, &count);
-  };
+  const unsigned long noneRoot = static_cast<unsigned long>(peers[2].second->Guid()) << 32;
   const std::pair<const char*, std::pair<KT_STATUS, KT_STATUS>> rows[] = {
-      {"browse op 9", {CallMethod(host.Client(), echo, "x", nullptr), KT_STATUS_INVALID_OPERATION}},
-      {"browse op 2", {childCount(*browse), KT_STATUS_SUCCESS}},
-      {"none op 2", {childCount(*none), KT_STATUS_INVALID_OPERATION}},
+      {"browse op 9", {Call(Remote("methods/echo", "browse"), "x"), KT_STATUS_INVALID_OPERATION}},
+      {"browse op 2", {host.Client()->GetChildCount(Remote("", "browse"), &count), 0}},
+      {"none op 2", {host.Client()->GetChildCount(noneRoot, &count), KT_STATUS_INVALID_OPERATION}},
   };
   for (const auto& [call, statuses] : rows) EXPECT_EQ(statuses.first, statuses.second) << call;
-}
-
-TEST_F(LinkTest, AMethodThatBlocksFailsAtTheDeadline) {
-  Set({{"deadline-ms", "200"}});
-  auto peer = Peer({"--serve", "full"});
-  ASSERT_TRUE(Dial(*peer));
-  const auto start = Clock::now();
-  EXPECT_EQ(CallMethod(host.Client(), Remote("methods/block"), "300", nullptr),
-            KT_STATUS_NOT_AVAILABLE);
-  EXPECT_GE(ElapsedMs(start), 190);
-  EXPECT_LT(ElapsedMs(start), 1500);
-  // The link stays usable, and the block's late reply (at 300 ms) is dropped,
-  // never taken for the answer of a call in flight when it comes.
-  const unsigned long echo = Remote("methods/echo");
-  int wrong = 0, calls = 0;
-  for (const auto end = Clock::now() + milliseconds(300); Clock::now() < end; ++calls) {
-    std::string reply;
-    const std::string n = std::to_string(calls);
-    if (CallMethod(host.Client(), echo, n, &reply) != KT_STATUS_SUCCESS || reply != "echo:" + n) ++wrong;
-  }
-  EXPECT_EQ(wrong, 0) << "of " << calls;
-}
-
-TEST_F(LinkTest, AKilledPeerFailsItsCallsLosesItsMountAndARestartIsMountedAnew) {
-  char dir[] = "/tmp/kt_net_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string endpoint = std::string("ipc://") + dir + "/peer";
-  Set({{"deadline-ms", "2000"}, {"grace-ms", "2500"}});
-  auto peer = Peer({"--serve", "full"}, endpoint);
-  ASSERT_TRUE(Dial(*peer));
-  const unsigned long block = Remote("methods/block");
-
-  const auto start = Clock::now();
-  auto call = std::async(std::launch::async, [&] {
-    return CallMethod(host.Client(), block, "10000", nullptr);
-  });
-  std::this_thread::sleep_for(milliseconds(100));  // the call is on its way
-  peer->Kill();
-  EXPECT_EQ(call.get(), KT_STATUS_NOT_AVAILABLE);
-  // Three silent heartbeats (300 ms) take the link down, long before the
-  // call's deadline.
-  EXPECT_LT(ElapsedMs(start), 1200);
-  EXPECT_TRUE(Eventually([&] { return Mounts() == 0; })) << "the mount outlived the grace";
-
-  auto restarted = Peer({"--serve", "full"}, endpoint);
-  ASSERT_TRUE(Mounted("peers/remote"));
-  EXPECT_EQ(Remote("") >> 32, restarted->Guid());
-  EXPECT_NE(restarted->Guid(), peer->Guid());
-  restarted->Kill();
-  unlink((std::string(dir) + "/peer").c_str());
-  rmdir(dir);
-}
-
-TEST_F(LinkTest, MutualMountsAndABouncingCallEndWithinTheDeadline) {
-  Set({{"listen", "tcp://127.0.0.1:*"}, {"mount", "all"}, {"deadline-ms", "1000"}});
-  ASSERT_EQ(host.Start(), KT_STATUS_SUCCESS);
-  PeerProcess peer({"--connect", host.Endpoint(), "--name", "remote", "--serve", "full",
-                    "--heartbeat-ms", "100", "--deadline-ms", "1000"});
-  ASSERT_TRUE(peer.Ready());
-  ASSERT_TRUE(Mounted("peers/remote"));
-  const unsigned long here = PathHandle(host.Client(), "methods/relay");
-  const unsigned long there = Remote("methods/relay");
-  auto Chain = [&](int hops, unsigned long last) {
-    std::string handles;
-    for (int i = 1; i < hops; ++i) {
-      const unsigned long hop = i % 2 == 1 ? here : there;
-      handles.append(reinterpret_cast<const char*>(&hop), 8);
-    }
-    handles.append(reinterpret_cast<const char*>(&last), 8);
-    return handles;
-  };
-  // remote relay -> local relay -> remote relay -> remote echo.
-  std::string reply;
-  EXPECT_EQ(CallMethod(host.Client(), there, Chain(3, Remote("methods/echo")), &reply),
-            KT_STATUS_SUCCESS);
-  EXPECT_EQ(reply, "echo:");
-  // Far more hops than either side has workers: it fails, in time.
-  const auto start = Clock::now();
-  EXPECT_NE(CallMethod(host.Client(), there, Chain(60, there), nullptr), KT_STATUS_SUCCESS);
-  EXPECT_LT(ElapsedMs(start), 1000 + 500);
-}
-
-TEST_F(LinkTest, EightClientsBrowsingAtOnceGetEachTheirOwnAnswers) {
-  auto peer = Peer({"--serve", "browse"});
-  ASSERT_TRUE(Dial(*peer));
-  const unsigned long publisher = Remote("publishers/PeerPublisher");
-  const unsigned long metrics[2] = {Remote("publishers/PeerPublisher/cpu_percent"),
-                                    Remote("publishers/PeerPublisher/mem_used")};
+  // Eight clients browse one link at once; each call is answered, and rightly.
   const char* names[2] = {"cpu_percent", "mem_used"};
-  std::atomic<int> wrong{0}, answered{0};
+  const unsigned long publisher = Remote("publishers/PeerPublisher", "browse");
+  const unsigned long metrics[2] = {Remote("publishers/PeerPublisher/cpu_percent", "browse"),
+                                    Remote("publishers/PeerPublisher/mem_used", "browse")};
+  std::atomic<int> right{0};
   std::vector<std::thread> clients;
   for (int t = 0; t < 8; ++t) {
     clients.emplace_back([&, t] {
-      for (int i = 0; i < 40; ++i) {
-        const int m = (t + i) % 2;
+      for (int i = t; i < t + 40; ++i) {
         unsigned long handle = 0;
         ResourceInfo info{};
-        const bool right =
-            host.Client()->GetPath(publisher, names[m], &handle) == KT_STATUS_SUCCESS &&
-            handle == metrics[m] &&
-            host.Client()->GetResourceInfo(handle, &info) == KT_STATUS_SUCCESS &&
-            info.name == names[m];
-        ++(right ? answered : wrong);
+        right += host.Client()->GetPath(publisher, names[i % 2], &handle) == 0 && handle == metrics[i % 2] &&
+                 host.Client()->GetResourceInfo(handle, &info) == 0 && info.name == names[i % 2];
       }
     });
   }
   for (std::thread& client : clients) client.join();
-  EXPECT_EQ(wrong.load(), 0);
-  EXPECT_EQ(answered.load(), 8 * 40);
+  EXPECT_EQ(right.load(), 8 * 40);
+
+  // A second link to a peer and one to this process are refused, unfiled there.
+  Set({{"connect", peers[0].second->Endpoint()}, {"connect", Endpoint(host)}});
+  std::this_thread::sleep_for(milliseconds(500));  // hellos said and refused
+  EXPECT_EQ(Mounts(), 3u);
+  EXPECT_NE(Remote("conduits/NetLink-1", "full"), 0u);
+  EXPECT_EQ(Remote("conduits/NetLink-2", "full"), 0u);
+  EXPECT_NE(PathHandle(host.Client(), "conduits/NetLink-5"), 0u) << "five dialled links";
+  EXPECT_EQ(PathHandle(host.Client(), "conduits/NetLink-6"), 0u) << "none accepted";
+  EXPECT_EQ(peers[0].second->Stop(), 0) << "a peer stops cleanly:\n" << peers[0].second->Output();
 }
 
-TEST_F(LinkTest, RemovingTheTransportFailsCallsInFlightAndLeavesNothingFiled) {
-  Set({{"deadline-ms", "4000"}});
-  auto peer = Peer({"--serve", "full"});
+TEST_F(LinkTest, AMethodThatBlocksFailsAtTheDeadlineAndItsLateReplyIsDropped) {
+  Set({{"deadline-ms", "200"}});
+  auto peer = Peer("remote", "full");
   ASSERT_TRUE(Dial(*peer));
-  ASSERT_NE(PathHandle(host.Client(), "conduits/NetLink-1"), 0u);
-  const unsigned long block = Remote("methods/block");
-  std::vector<std::future<KT_STATUS>> calls;
-  for (int i = 0; i < 3; ++i) {
-    calls.push_back(std::async(std::launch::async, [&] {
-      return CallMethod(host.Client(), block, "10000", nullptr);
-    }));
-  }
-  std::this_thread::sleep_for(milliseconds(100));
   const auto start = Clock::now();
-  host.StopTransport();
-  for (auto& call : calls) EXPECT_EQ(call.get(), KT_STATUS_NOT_AVAILABLE);
-  EXPECT_LT(ElapsedMs(start), 2000);
+  EXPECT_EQ(Call(Remote("methods/block"), "300"), KT_STATUS_NOT_AVAILABLE);
+  EXPECT_GE(MsSince(start), 190);
+  EXPECT_LT(MsSince(start), 1500);
+  // The block's reply, at 300 ms, is never taken for a later call's answer.
+  int wrong = 0, calls = 0;
+  for (const auto end = Clock::now() + milliseconds(300); Clock::now() < end; ++calls) {
+    std::string reply;
+    wrong += Call(Remote("methods/echo"), std::to_string(calls), &reply) != 0 ||
+             reply != "echo:" + std::to_string(calls);
+  }
+  EXPECT_EQ(wrong, 0) << "of " << calls;
+}
+
+TEST_F(LinkTest, AKilledPeerFailsItsCallAndLosesItsMountARestartIsMountedAnew) {
+  kt_net_test::TempDir dir;
+  const std::string endpoint = "ipc://" + dir.Path() + "/peer";
+  Set({{"grace-ms", "2500"}});
+  auto peer = Peer("remote", "full", endpoint);
+  ASSERT_TRUE(Dial(*peer));
+  const auto start = Clock::now();
+  auto call = std::async(std::launch::async, [&] { return Call(Remote("methods/block"), "10000"); });
+  std::this_thread::sleep_for(milliseconds(100));  // the call is on its way
+  peer->Kill();
+  EXPECT_EQ(call.get(), KT_STATUS_NOT_AVAILABLE);
+  // Three silent heartbeats (300 ms) take the link down, long before the
+  // call's deadline (2 s); after the grace (2.5 s) its mount and conduit go.
+  EXPECT_LT(MsSince(start), 1200);
+  EXPECT_TRUE(Eventually([&] { return Mounts() == 0; }));
+  EXPECT_EQ(PathHandle(host.Client(), "conduits/NetLink-1"), 0u);
+
+  auto restarted = Peer("remote", "full", endpoint);
+  ASSERT_TRUE(Eventually([&] { return Remote("") >> 32 == restarted->Guid(); }));
+}
+
+TEST_F(LinkTest, MutualMountsABouncingCallAndRemovalEndWithinTheDeadline) {
+  Set({{"listen", "tcp://127.0.0.1:*"}, {"mount", "all"}, {"deadline-ms", "1000"}});
+  ASSERT_TRUE(host.AddOpenedModules());
+  auto peer = Peer("remote", "full", Endpoint(host), true);
+  ASSERT_TRUE(Eventually([&] { return Remote("") != 0; }));
+  const unsigned long here = PathHandle(host.Client(), "methods/relay"), there = Remote("methods/relay");
+  // The relays' argument: `hops` - 1 relays, there and here by turns, then `last`.
+  auto chain = [&](int hops, unsigned long last) {
+    std::string handles;
+    for (int i = 1; i < hops; ++i) handles.append(reinterpret_cast<const char*>(i % 2 ? &here : &there), 8);
+    return handles.append(reinterpret_cast<const char*>(&last), 8);
+  };
+  std::string reply;
+  EXPECT_EQ(Call(there, chain(3, Remote("methods/echo")), &reply), 0);
+  EXPECT_EQ(reply, "echo:");
+  // Far more hops than either side has workers: it fails, in time.
+  const auto start = Clock::now();
+  EXPECT_NE(Call(there, chain(60, there)), 0);
+  EXPECT_LT(MsSince(start), 1500);
+  // Removing the transport fails a call in flight at once and leaves nothing filed.
+  auto blocked = std::async(std::launch::async, [&] { return Call(Remote("methods/block"), "10000"); });
+  std::this_thread::sleep_for(milliseconds(100));
+  const auto removed = Clock::now();
+  StopTransport(host);
+  EXPECT_EQ(blocked.get(), KT_STATUS_NOT_AVAILABLE);
+  EXPECT_LT(MsSince(removed), 500) << "long before the deadline";
   EXPECT_EQ(Mounts(), 0u);
   EXPECT_EQ(PathHandle(host.Client(), "conduits/NetLink-1"), 0u);
 }
 
-TEST_F(LinkTest, ItselfAndASecondLinkToOnePeerAreRefused) {
-  Set({{"listen", "tcp://127.0.0.1:*"}});
-  auto peer = Peer({"--listen", "tcp://127.0.0.1:*"});
-  ASSERT_TRUE(Dial(*peer));
-  // The peer's second endpoint, and this process's own.
-  ASSERT_EQ(host.Configure("connect", peer->Endpoint(1)), KT_STATUS_SUCCESS);
-  ASSERT_EQ(host.Configure("connect", host.Endpoint()), KT_STATUS_SUCCESS);
-  std::this_thread::sleep_for(milliseconds(500));  // hellos said and refused
-  EXPECT_EQ(Mounts(), 1u) << "one mount, of the first link";
-  // Neither side filed a conduit for a refused link: the peer has one, this
-  // side its three dialled links and no accepted one.
-  EXPECT_NE(Remote("conduits/NetLink-1"), 0u);
-  EXPECT_EQ(Remote("conduits/NetLink-2"), 0u);
-  EXPECT_NE(PathHandle(host.Client(), "conduits/NetLink-3"), 0u);
-  EXPECT_EQ(PathHandle(host.Client(), "conduits/NetLink-4"), 0u);
-}
-
 }  // namespace
 }  // namespace net_test
+
+// With --peer: a test host that sets each --KEY VALUE given, starts the transport,
+// says what `kt-host serve` says, and stops cleanly on SIGTERM or SIGINT.
+int main(int argc, char** argv) {
+  if (argc < 2 || std::string(argv[1]) != "--peer") {
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+  }
+  // Blocked before any thread starts, so that every thread inherits the mask.
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+  net_test::TestExtensions extensions;
+  kt_host::HostLoader host;
+  bool ok = net_test::OpenHost(host, extensions);
+  for (int i = 2; ok && i + 1 < argc; i += 2) ok = net_test::Configure(host, argv[i] + 2, argv[i + 1]) == 0;
+  if (!ok || !host.AddOpenedModules()) return 1;
+  std::printf("listening on %s\nserving registry GUID 0x%08lx\n", net_test::Endpoint(host).c_str(),
+              net_test::PathHandle(host.Client(), "") >> 32);
+  std::fflush(stdout);
+  int signal = 0;
+  sigwait(&stop, &signal);
+  net_test::StopTransport(host);
+  return 0;
+}
