@@ -84,7 +84,8 @@ void FigurePublisher::Publish(IPublisher* publisher, std::string* error) {
     unsigned long handle = 0;
     const KT_STATUS status = manager->PublishMetric(publisher, desc, &handle);
     if (status != KT_STATUS_SUCCESS) {
-      *error += std::string(error->empty() ? "" : ", ") + row.uri + " (" + std::to_string(status) + ")";
+      if (!error->empty()) *error += ", ";
+      *error += std::string(row.uri) + " (" + std::to_string(status) + ")";
       continue;
     }
     std::lock_guard<std::mutex> hold(m_mutex);
@@ -126,7 +127,9 @@ void FigurePublisher::Unbind(IBoundMetric* bound) {
 
 void FigurePublisher::Commit(const double* values) {
   std::lock_guard<std::mutex> hold(m_mutex);
-  for (auto& [key, bound] : m_bound) bound->WriteLocked(m_rows[bound->Index()], values[bound->Index()]);
+  for (auto& [key, bound] : m_bound) {
+    bound->WriteLocked(m_rows[bound->Index()], values[bound->Index()]);
+  }
 }
 
 }  // namespace kt_net

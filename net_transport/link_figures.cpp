@@ -28,8 +28,8 @@ const FigureRow kLinkFigures[kFigureCount] = {
      kEncodingUnsigned, kTypeCounter},
     {"refused_requests", "requests from peers refused by the serve policy", "", kEncodingUnsigned,
      kTypeCounter},
-    {"round_trip", "mean round trip of the calls answered in the last second", "ms",
-     kEncodingDouble, kTypeGauge},
+    {"round_trip", "mean round trip of the calls answered in the last second that had any",
+     "ms", kEncodingDouble, kTypeGauge},
     {"conduits_alive", "link conduits allocated, those of links gone not yet freed included", "",
      kEncodingUnsigned, kTypeGauge},
 };

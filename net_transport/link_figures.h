@@ -52,7 +52,9 @@ class LinkTally {
   LinkTally(const LinkTally&) = delete;
   LinkTally& operator=(const LinkTally&) = delete;
 
-  void Add(Figure figure, uint64_t n = 1) { m_counts[figure].fetch_add(n, std::memory_order_relaxed); }
+  void Add(Figure figure, uint64_t n = 1) {
+    m_counts[figure].fetch_add(n, std::memory_order_relaxed);
+  }
   uint64_t Get(Figure figure) const { return m_counts[figure].load(std::memory_order_relaxed); }
 
  private:

@@ -1,24 +1,22 @@
 // The transport's link figures as a client meets them: metrics of the
 // transport's publisher node, described by the value convention, whose
-// samples move with the traffic of a link to a kt-host process; a killed peer
-// shows as a link down and failed calls, and once it is restarted the conduit
-// of its old link is freed.
-#include <stdlib.h>
-#include <unistd.h>
-
+// samples follow a link to a kt-host process through its calls, the peer's
+// death and its restart, after which the old link's conduit is freed.
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
-#include "kt/consumer.h"
 #include "kt/value_convention.h"
 #include "net_host.h"
+#include "raw_zmq.h"
 #include "served_host.h"
 #include "support/fakes.h"
 
@@ -27,6 +25,7 @@ namespace {
 using namespace MetricsFramework;
 using namespace MetricsFramework::ValueConvention;
 using kt_net_test::ServedHost;
+using kt_net_test::TempDir;
 using net_test::PathHandle;
 
 // The kt-host peers take libzmq on trust under the thread sanitizer, as this
@@ -64,9 +63,8 @@ class LinkFiguresTest : public ::testing::Test {
     ASSERT_TRUE(host.Open(KT_LIBRARY_PATH, KT_NET_MODULE_PATH)) << host.Error();
     // kt-host beats every 500 ms: this side must not hear silence sooner.
     const std::pair<const char*, const char*> settings[] = {
-        {"listen", ""},       {"connect", ""},          {"serve", "browse"},
-        {"mount", "dialled"}, {"heartbeat-ms", "500"},  {"deadline-ms", "300"},
-        {"name", "local"},    {"grace-ms", "800"}};
+        {"listen", ""},       {"connect", ""},         {"serve", "browse"}, {"name", "local"},
+        {"mount", "dialled"}, {"heartbeat-ms", "500"}, {"deadline-ms", "300"}, {"grace-ms", "800"}};
     for (const auto& [key, value] : settings) ASSERT_EQ(host.Configure(key, value), 0) << key;
     // The consumer's conduit is filed through the loader on first use.
     loader.manager = GetExtensionManager();
@@ -78,107 +76,88 @@ class LinkFiguresTest : public ::testing::Test {
     }
     host.Stop();
   }
-  // Dials `endpoint`, waits for the mount and subscribes to every figure.
-  void Link(const std::string& endpoint) {
-    ASSERT_EQ(host.Configure("connect", endpoint), 0);
-    ASSERT_EQ(host.Start(), 0);
-    ASSERT_TRUE(Within([&] { return PathHandle(host.Client(), "peers") != 0; }));
-    const unsigned long figures = PathHandle(host.Client(), "publishers/NetTransport");
-    unsigned int count = 0;
-    ASSERT_EQ(host.Client()->GetChildCount(figures, &count), 0);
-    std::vector<unsigned long> children(count);
-    ASSERT_EQ(host.Client()->GetChildren(figures, children.data(), count), 0);
-    for (unsigned long figure : children) {
-      ASSERT_EQ(host.Client()->SubscribeMetric(samples.GetHandle(), figure), 0);
-    }
-  }
-  // The figure's description, read back from the registry.
-  Metric::Description Described(const std::string& name) {
+  Metric::Description Described(const std::string& figure) {
     Metric::Description desc;
-    host.Client()->GetMetricDescriptor(PathHandle(host.Client(), "publishers/NetTransport/" + name),
-                                       &desc);
+    host.Client()->GetMetricDescriptor(PathHandle(host.Client(), kNode + figure), &desc);
     return desc;
   }
-  // The last sample of the figure, -1 before the first.
-  double Figure(const std::string& name) {
-    const std::string bytes =
-        samples.Last(PathHandle(host.Client(), "publishers/NetTransport/" + name));
+  // The figure's last sample, -1 before the first.
+  double Figure(const std::string& figure) {
+    const std::string bytes = samples.Last(PathHandle(host.Client(), kNode + figure));
     double value = -1;
-    Decode(EncodingOf(Described(name)), bytes.data(), bytes.size(), &value);
+    Decode(EncodingOf(Described(figure)), bytes.data(), bytes.size(), &value);
     return value;
   }
   // Whether `done` holds within ten seconds.
   template <typename Done>
   static bool Within(Done done) {
-    for (int i = 0; i < 200 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    for (int i = 0; i < 200 && !done(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
     return done();
   }
 
+  const std::string kNode = "publishers/NetTransport/";  // the figures' node
   net_test::NetHost host;
   testing_fakes::HostLoader loader;
   LastSamples samples;
 };
 
-TEST_F(LinkFiguresTest, FiguresAreDescribedMetricsThatMoveWithTheCallsOfALink) {
-  ServedHost peer;
-  ASSERT_TRUE(peer.Start({"serve", "--listen", "tcp://127.0.0.1:0"})) << peer.Output();
-  Link(peer.Endpoint());
-  const struct {
-    const char* name;
-    const char* unit;
-    Encoding encoding;
-    Type type;
-  } rows[] = {{"links_up", "", kEncodingUnsigned, kTypeGauge},
-              {"calls", "", kEncodingUnsigned, kTypeCounter},
-              {"received_bytes", "B", kEncodingUnsigned, kTypeCounter},
-              {"round_trip", "ms", kEncodingDouble, kTypeGauge}};
-  for (const auto& row : rows) {
-    const Metric::Description desc = Described(row.name);
-    EXPECT_FALSE(desc.text1.empty()) << row.name;
-    EXPECT_EQ(desc.text2, row.unit) << row.name;
-    EXPECT_EQ(EncodingOf(desc), row.encoding) << row.name;
-    EXPECT_EQ(TypeOf(desc), row.type) << row.name;
+TEST_F(LinkFiguresTest, FiguresFollowCallsAKilledPeerAndTheRestartThatFreesItsConduit) {
+  const TempDir dir;
+  const std::string endpoint = "ipc://" + dir.Path() + "/peer";
+  auto peer = std::make_unique<ServedHost>();
+  ASSERT_TRUE(peer->Start({"serve", "--listen", endpoint})) << peer->Output();
+  ASSERT_EQ(host.Configure("connect", endpoint), 0);
+  ASSERT_EQ(host.Start(), 0);
+  const unsigned long node = PathHandle(host.Client(), kNode);
+  unsigned int count = 0;
+  ASSERT_EQ(host.Client()->GetChildCount(node, &count), 0);
+  std::vector<unsigned long> figures(count);
+  ASSERT_EQ(host.Client()->GetChildren(node, figures.data(), count), 0);
+  for (unsigned long figure : figures) {
+    ASSERT_EQ(host.Client()->SubscribeMetric(samples.GetHandle(), figure), 0);
   }
-  ASSERT_TRUE(Within([&] { return Figure("links_up") == 1; }));
+  const std::tuple<const char*, const char*, Encoding, Type> rows[] = {
+      {"links_up", "", kEncodingUnsigned, kTypeGauge},
+      {"calls", "", kEncodingUnsigned, kTypeCounter},
+      {"received_bytes", "B", kEncodingUnsigned, kTypeCounter},
+      {"round_trip", "ms", kEncodingDouble, kTypeGauge}};
+  for (const auto& [figure, unit, encoding, type] : rows) {
+    const Metric::Description d = Described(figure);
+    EXPECT_TRUE(!d.text1.empty() && d.text2 == unit && EncodingOf(d) == encoding && TypeOf(d) == type)
+        << figure;
+  }
+
+  // Calls across the link move the calls and the frames each way.
+  ASSERT_TRUE(Within([&] {
+    return Figure("links_up") == 1 && Figure("conduits_alive") == 1 &&
+           PathHandle(host.Client(), "peers") != 0;
+  }));
   const double calls = Figure("calls"), sent = Figure("sent_frames"),
                received = Figure("received_frames");
-  const unsigned long root = static_cast<unsigned long>(peer.Guid()) << 32;
-  unsigned int count = 0;
+  const unsigned long root = static_cast<unsigned long>(peer->Guid()) << 32;
   for (int i = 0; i < 5; ++i) ASSERT_EQ(host.Client()->GetChildCount(root, &count), 0);
   EXPECT_TRUE(Within([&] {
     return Figure("calls") >= calls + 5 && Figure("sent_frames") >= sent + 5 &&
            Figure("received_frames") >= received + 5 && Figure("round_trip") > 0;
   })) << Figure("calls") << " calls, " << Figure("sent_frames") << " frames sent";
   EXPECT_EQ(Figure("calls_failed"), 0);
-}
 
-TEST_F(LinkFiguresTest, AKilledPeerFailsCallsAndItsConduitIsFreedOnceItIsRestarted) {
-  char dir[] = "/tmp/kt_figures_XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string endpoint = std::string("ipc://") + dir + "/peer";
-  auto peer = std::make_unique<ServedHost>();
-  ASSERT_TRUE(peer->Start({"serve", "--listen", endpoint})) << peer->Output();
-  Link(endpoint);
-  ASSERT_TRUE(Within([&] { return Figure("links_up") == 1 && Figure("conduits_alive") == 1; }));
-
-  const unsigned long root = static_cast<unsigned long>(peer->Guid()) << 32;
   peer.reset();  // SIGKILL
-  unsigned int count = 0;
   EXPECT_EQ(host.Client()->GetChildCount(root, &count), KT_STATUS_NOT_AVAILABLE);
   EXPECT_TRUE(Within([&] {
     return Figure("links_up") == 0 && Figure("links_down") >= 1 && Figure("calls_failed") >= 1;
   }));
 
+  // The restarted peer gets a link and a conduit of its own; the old link's
+  // conduit is freed once the link is gone.
   peer = std::make_unique<ServedHost>();
   ASSERT_TRUE(peer->Start({"serve", "--listen", endpoint})) << peer->Output();
-  // The new link has a conduit of its own; the old link's is gone with it.
   EXPECT_TRUE(Within([&] {
     return Figure("links_up") == 1 && PathHandle(host.Client(), "conduits/NetLink-2") != 0 &&
            Figure("conduits_alive") == 1;
   })) << Figure("conduits_alive") << " conduits alive";
-  peer.reset();
-  unlink((std::string(dir) + "/peer").c_str());
-  rmdir(dir);
 }
 
 }  // namespace
