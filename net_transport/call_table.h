@@ -26,6 +26,7 @@ namespace kt_net {
 using Clock = std::chrono::steady_clock;
 
 struct CallResult {
+  bool answered = false;  // the peer's reply: false when the call failed on this side
   MetricsFramework::KT_STATUS status = MetricsFramework::KT_STATUS_NOT_AVAILABLE;
   std::vector<std::string> records;
 };

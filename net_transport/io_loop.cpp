@@ -56,11 +56,13 @@ struct IoLoop::Link {
   Clock::time_point lastHeard, downSince, nextHello;
 };
 
-IoLoop::IoLoop(const NetSettings& settings, uint32_t guid, ILinkListener* listener)
+IoLoop::IoLoop(const NetSettings& settings, uint32_t guid, ILinkListener* listener,
+               LinkTally& tally)
     : m_settings(settings),
       m_guid(guid),
       m_name(settings.OfferedName()),
       m_listener(listener),
+      m_tally(tally),
       m_zap([listener](const std::string& line) { listener->Log(line); }) {}
 
 IoLoop::~IoLoop() { Stop(); }
@@ -270,7 +272,7 @@ void IoLoop::Receive(size_t socket) {
       zmq_msg_close(&part);
       zmq_msg_init(&part);
       if (!more || zmq_msg_recv(&part, zsocket, 0) < 0) {
-        ++m_errors;
+        m_tally.Add(kFrameErrors);
         zmq_msg_close(&part);
         continue;
       }
@@ -288,7 +290,7 @@ void IoLoop::Receive(size_t socket) {
       if (!more) break;
     }
     if (extra) {
-      ++m_errors;
+      m_tally.Add(kFrameErrors);
     } else {
       OnFrame(socket, routing, static_cast<const unsigned char*>(zmq_msg_data(&part)),
               zmq_msg_size(&part));
@@ -302,18 +304,19 @@ void IoLoop::Receive(size_t socket) {
 
 void IoLoop::OnFrame(size_t socket, const std::string& routing, const unsigned char* data,
                      size_t size) {
-  ++m_frames;
+  m_tally.Add(kReceivedFrames);
+  m_tally.Add(kReceivedBytes, size);
   FrameHeader header;
   const unsigned char* body = nullptr;
   uint32_t bodySize = 0;
   if (!DecodeHeader(data, size, &header, &body, &bodySize)) {
-    ++m_errors;
+    m_tally.Add(kFrameErrors);
     return;
   }
   const bool listening = m_sockets[socket].listening;
   if (header.version != kFrameVersion) {
     // Only a hello is answered: the peer learns why it gets no welcome.
-    ++m_errors;
+    m_tally.Add(kFrameErrors);
     if (listening && header.type == FrameType::kHello) {
       m_listener->Log("refused a peer speaking frame version " + std::to_string(header.version) +
                       " (this side " + std::to_string(kFrameVersion) + ")");
@@ -344,7 +347,7 @@ void IoLoop::OnFrame(size_t socket, const std::string& routing, const unsigned c
       if (link != nullptr && link->everUp) Heard(*link);
       return OnReply(header, body, bodySize);
   }
-  ++m_errors;
+  m_tally.Add(kFrameErrors);
 }
 
 bool IoLoop::Refused(const Hello& hello, const Link* self, ByeReason* reason) {
@@ -448,12 +451,12 @@ void IoLoop::OnRequest(Link* link, size_t socket, const std::string& routing,
   if (link == nullptr || !link->up) {
     // The peer believes in a link this side has dropped: it should say hello.
     if (m_sockets[socket].listening) SendOn(socket, routing, EncodeBye({ByeReason::kNotLinked, ""}));
-    ++m_errors;
+    m_tally.Add(kFrameErrors);
     return;
   }
   Request request;
   if (!DecodeRequest(body, size, &request)) {
-    ++m_errors;
+    m_tally.Add(kFrameErrors);
     return;
   }
   Heard(*link);
@@ -464,10 +467,11 @@ void IoLoop::OnRequest(Link* link, size_t socket, const std::string& routing,
 void IoLoop::OnReply(const FrameHeader& header, const unsigned char* body, uint32_t size) {
   Reply reply;
   if (!DecodeReply(body, size, &reply)) {
-    ++m_errors;
+    m_tally.Add(kFrameErrors);
     return;
   }
   CallResult result;
+  result.answered = true;
   result.status = reply.status;
   result.records.reserve(reply.records.size());
   for (const RecordView& record : reply.records) {
@@ -545,6 +549,7 @@ void IoLoop::MarkDown(Link& link, const char* why) {
   link.up = false;
   link.downSince = Clock::now();
   link.conduit->SetUp(false);
+  m_tally.Add(kLinksDown);
   m_listener->Log("link to peer " + Who(link) + " is down: " + why);
   m_listener->LinkDown(link.id);
 }
@@ -582,7 +587,10 @@ bool IoLoop::SendOn(size_t socket, const std::string& routing, const std::string
       zmq_send(zsocket, routing.data(), routing.size(), ZMQ_SNDMORE | ZMQ_DONTWAIT) < 0) {
     return false;
   }
-  return zmq_send(zsocket, frame.data(), frame.size(), ZMQ_DONTWAIT) >= 0;
+  if (zmq_send(zsocket, frame.data(), frame.size(), ZMQ_DONTWAIT) < 0) return false;
+  m_tally.Add(kSentFrames);
+  m_tally.Add(kSentBytes, frame.size());
+  return true;
 }
 
 bool IoLoop::SendTo(const Link& link, const std::string& frame) {

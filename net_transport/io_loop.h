@@ -18,7 +18,6 @@
 #ifndef KT_NET_TRANSPORT_IO_LOOP_H_
 #define KT_NET_TRANSPORT_IO_LOOP_H_
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -33,6 +32,7 @@
 #include "net_transport/curve.h"
 #include "net_transport/frame.h"
 #include "net_transport/link_conduit.h"
+#include "net_transport/link_figures.h"
 #include "net_transport/net_settings.h"
 
 namespace kt_net {
@@ -61,7 +61,9 @@ class ILinkListener {
 
 class IoLoop {
  public:
-  IoLoop(const NetSettings& settings, uint32_t guid, ILinkListener* listener);
+  // Counts frames, bytes, frame errors and links down into `tally`, which
+  // outlives the loop.
+  IoLoop(const NetSettings& settings, uint32_t guid, ILinkListener* listener, LinkTally& tally);
   ~IoLoop();
   IoLoop(const IoLoop&) = delete;
   IoLoop& operator=(const IoLoop&) = delete;
@@ -86,11 +88,6 @@ class IoLoop {
   // Says bye on every link, closes every socket and joins the thread.
   // Idempotent.
   void Stop();
-
-  // Frames that could not be decoded or came where they make no sense.
-  uint64_t Errors() const { return m_errors.load(); }
-  // Messages that reached the frame decoder.
-  uint64_t Frames() const { return m_frames.load(); }
 
  private:
   struct Socket;
@@ -131,6 +128,7 @@ class IoLoop {
   const uint32_t m_guid;
   const std::string m_name;
   ILinkListener* const m_listener;
+  LinkTally& m_tally;
   void* m_context = nullptr;
   int m_wake = -1;  // an eventfd the loop polls beside its sockets
   std::thread m_thread;
@@ -149,8 +147,6 @@ class IoLoop {
   std::map<uint64_t, Link> m_links;
   uint64_t m_nextLink = 0;
   Clock::time_point m_nextBeat;
-  std::atomic<uint64_t> m_errors{0};
-  std::atomic<uint64_t> m_frames{0};
   ZapHandler m_zap;  // CURVE listeners' allow-list, with a thread of its own
 };
 

@@ -4,10 +4,11 @@
 // oldest record over the link and commits the reply records into the caller's
 // reply buffer.
 //
-// The transport owns every LinkConduit and keeps it until the transport is
-// destroyed, also after the link is gone and the conduit removed from the
-// registry: a client may still hold it. Transact may be called from any
-// thread, by several at once; the link's state is set by the I/O thread.
+// The transport owns every LinkConduit. After the link is gone and the
+// conduit removed from the registry it keeps it until no call is inside
+// Transact and nothing can find it any more (CallsInside counts the calls).
+// Transact may be called from any thread, by several at once; the link's
+// state is set by the I/O thread.
 // Subscriptions are not carried yet: CreateBuffer refuses.
 #ifndef KT_NET_TRANSPORT_LINK_CONDUIT_H_
 #define KT_NET_TRANSPORT_LINK_CONDUIT_H_
@@ -53,7 +54,11 @@ class LinkConduit : public MetricsFramework::IConduit {
   MetricsFramework::KT_STATUS Transact(unsigned long method,
                                        const MetricsFramework::IReadBuffer* request,
                                        MetricsFramework::IWriteBuffer* reply) override {
-    return m_caller->Call(*this, method, request, reply);
+    m_calls.fetch_add(1);
+    const MetricsFramework::KT_STATUS status = m_caller->Call(*this, method, request, reply);
+    // The last touch of this object: it may be freed once the count is 0.
+    m_calls.fetch_sub(1);
+    return status;
   }
   // The peer's link-conduit handle, from the handshake.
   unsigned long GetRemoteHandle() override { return m_remote.load(); }
@@ -61,6 +66,8 @@ class LinkConduit : public MetricsFramework::IConduit {
   uint64_t Link() const { return m_link; }
   const std::string& Name() const { return m_name; }
   bool IsUp() const { return m_up.load(); }
+  // The calls inside Transact now.
+  int CallsInside() const { return m_calls.load(); }
   void SetUp(bool up) { m_up.store(up); }
   void SetRemote(uint64_t handle) { m_remote.store(handle); }
 
@@ -70,6 +77,7 @@ class LinkConduit : public MetricsFramework::IConduit {
   const std::string m_name;
   std::atomic<bool> m_up{false};
   std::atomic<uint64_t> m_remote{0};
+  std::atomic<int> m_calls{0};
 };
 
 }  // namespace kt_net

@@ -1,5 +1,6 @@
 #include "net_transport/net_transport.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -17,6 +18,9 @@ namespace {
 std::mutex g_mutex;
 NetSettings g_settings;
 NetTransport* g_running = nullptr;
+
+// How often the figures are committed and retired conduits looked at.
+constexpr std::chrono::milliseconds kRoundPeriod{1000};
 
 // A request being served on this thread must be answered by this time: calls
 // it makes over other links inherit it.
@@ -72,9 +76,9 @@ KT_STATUS NetTransport::GetCounter(const char* name, unsigned long* out) {
   if (name == nullptr || out == nullptr) return KT_STATUS_INVALID_ARGUMENT;
   if (g_running == nullptr) return KT_STATUS_DOES_NOT_EXIST;
   if (std::strcmp(name, "frames") == 0) {
-    *out = g_running->m_io->Frames();
+    *out = g_running->m_tally.Get(kReceivedFrames);
   } else if (std::strcmp(name, "frame-errors") == 0) {
-    *out = g_running->m_io->Errors();
+    *out = g_running->m_tally.Get(kFrameErrors);
   } else {
     return KT_STATUS_INVALID_ARGUMENT;
   }
@@ -97,7 +101,14 @@ NetTransport::~NetTransport() {
   m_inFlightDone.wait(hold, [this] { return m_inFlight == 0; });
 }
 
-void NetTransport::OnLoad() { Start(); }
+void NetTransport::OnLoad() {
+  Start();
+  if (!m_started) return;
+  std::string refused;
+  m_figures.Publish(this, &refused);
+  if (!refused.empty()) Say("cannot publish the figures " + refused);
+  m_control->Every(kRoundPeriod, [this] { Round(); });
+}
 
 void NetTransport::OnUnload() { Shutdown(); }
 
@@ -114,7 +125,7 @@ void NetTransport::Start() {
   const auto guid = static_cast<uint32_t>(GetHandle() >> 32);
   m_control = std::make_unique<WorkerPool>(1, ~size_t{0});
   m_serve = std::make_unique<WorkerPool>(4, 1024);
-  m_io = std::make_unique<IoLoop>(m_settings, guid, static_cast<ILinkListener*>(this));
+  m_io = std::make_unique<IoLoop>(m_settings, guid, static_cast<ILinkListener*>(this), m_tally);
   std::string error;
   if (!m_io->Start(&error)) {
     Say(error);
@@ -145,6 +156,7 @@ void NetTransport::Shutdown() {
   // The threads are joined: the filed conduits are this thread's now.
   for (const auto& [link, filed] : m_filed) Retire(filed);
   m_filed.clear();
+  m_figures.Unpublish(this);
 }
 
 // ---------------------------------------------------------------------------
@@ -155,7 +167,7 @@ void NetTransport::FileConduit(uint64_t link) {
   LinkConduit* conduit = made.get();
   {
     std::lock_guard<std::mutex> hold(m_conduitMutex);
-    m_conduits.push_back(std::move(made));
+    m_conduits.push_back({std::move(made), 0});
   }
   const KT_STATUS status = GetExtensionManager()->Add(
       ExtensionBinaryDesc{}, conduit->Name().c_str(), static_cast<IConduit*>(conduit), GetLoader());
@@ -163,6 +175,7 @@ void NetTransport::FileConduit(uint64_t link) {
     Say("cannot file the conduit " + conduit->Name() + ": " + StatusText(status));
     GetExtensionManager()->Remove(ExtensionBinaryDesc{}, conduit->Name().c_str(),
                                   static_cast<IConduit*>(conduit), GetLoader());
+    MarkRetired(conduit);
     m_io->ConduitReady(link, nullptr);
     return;
   }
@@ -191,6 +204,57 @@ void NetTransport::Retire(const Filed& filed) {
   }
   GetExtensionManager()->Remove(ExtensionBinaryDesc{}, filed.conduit->Name().c_str(),
                                 static_cast<IConduit*>(filed.conduit), GetLoader());
+  MarkRetired(filed.conduit);
+}
+
+void NetTransport::MarkRetired(const LinkConduit* conduit) {
+  std::lock_guard<std::mutex> hold(m_conduitMutex);
+  for (Made& made : m_conduits) {
+    if (made.conduit.get() == conduit) made.retiredIn = m_round;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Once a period, on the control thread.
+
+void NetTransport::Round() {
+  ++m_round;
+  size_t up = 0;
+  size_t alive = 0;
+  {
+    std::lock_guard<std::mutex> hold(m_conduitMutex);
+    // Two rounds on, a whole period has passed since the conduit left the
+    // registry: no client can be on its way into it any more.
+    const auto freed = [this](const Made& made) {
+      return made.retiredIn != 0 && m_round - made.retiredIn >= 2 &&
+             made.conduit->CallsInside() == 0;
+    };
+    m_conduits.erase(std::remove_if(m_conduits.begin(), m_conduits.end(), freed),
+                     m_conduits.end());
+    for (const Made& made : m_conduits) up += made.conduit->IsUp();
+    alive = m_conduits.size();
+  }
+  CommitFigures(up, alive);
+}
+
+void NetTransport::CommitFigures(size_t linksUp, size_t conduitsAlive) {
+  double values[kFigureCount];
+  for (unsigned figure = 0; figure < kFigureCount; ++figure) {
+    values[figure] = static_cast<double>(m_tally.Get(static_cast<Figure>(figure)));
+  }
+  const uint64_t answered = m_tally.Get(kAnsweredCalls);
+  const uint64_t roundTrip = m_tally.Get(kRoundTripMicroseconds);
+  // Without calls answered in this period the figure keeps the last mean.
+  if (answered > m_answeredBefore) {
+    m_roundTripMs = static_cast<double>(roundTrip - m_roundTripBefore) /
+                    static_cast<double>(answered - m_answeredBefore) / 1000.0;
+  }
+  m_answeredBefore = answered;
+  m_roundTripBefore = roundTrip;
+  values[kLinksUp] = static_cast<double>(linksUp);
+  values[kRoundTrip] = m_roundTripMs;
+  values[kConduitsAlive] = static_cast<double>(conduitsAlive);
+  m_figures.Commit(values);
 }
 
 // ---------------------------------------------------------------------------
@@ -217,7 +281,7 @@ void NetTransport::LinkGone(uint64_t link) {
 }
 
 void NetTransport::Replied(uint64_t correlation, CallResult result) {
-  if (!m_calls.Complete(correlation, std::move(result))) ++m_late;
+  if (!m_calls.Complete(correlation, std::move(result))) m_tally.Add(kLateReplies);
 }
 
 void NetTransport::Serve(uint64_t link, uint64_t correlation, Clock::time_point deadline,
@@ -226,7 +290,7 @@ void NetTransport::Serve(uint64_t link, uint64_t correlation, Clock::time_point 
   if (request.size >= sizeof op) std::memcpy(&op, request.record, sizeof op);
   // Only the command method is served, and only the ops of the policy.
   if (request.method != kCommandMethodHandle || op == 0 || op > m_settings.LastServedOp()) {
-    ++m_refused;
+    m_tally.Add(kRefusedRequests);
     m_io->SendReply(link, EncodeReply(correlation, Reply{KT_STATUS_INVALID_OPERATION, {}}));
     return;
   }
@@ -284,7 +348,12 @@ KT_STATUS NetTransport::Call(LinkConduit& conduit, unsigned long method, const I
   } leave{this};
 
   if (request == nullptr || reply == nullptr) return KT_STATUS_INVALID_ARGUMENT;
-  if (m_stopping || !conduit.IsUp()) return KT_STATUS_NOT_AVAILABLE;
+  m_tally.Add(kCalls);
+  const auto unanswered = [this] {
+    m_tally.Add(kCallsFailed);
+    return KT_STATUS_NOT_AVAILABLE;
+  };
+  if (m_stopping || !conduit.IsUp()) return unanswered();
   const void* data = nullptr;
   unsigned long size = 0;
   request->GetData(&data, &size);
@@ -294,7 +363,7 @@ KT_STATUS NetTransport::Call(LinkConduit& conduit, unsigned long method, const I
   Clock::time_point deadline = now + std::chrono::milliseconds(m_settings.deadlineMs);
   if (t_servingDeadline != nullptr && *t_servingDeadline < deadline) deadline = *t_servingDeadline;
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count();
-  if (left <= 0) return KT_STATUS_NOT_AVAILABLE;
+  if (left <= 0) return unanswered();
 
   const uint64_t id = m_calls.Open(conduit.Link());
   std::string frame = EncodeRequest(
@@ -302,10 +371,14 @@ KT_STATUS NetTransport::Call(LinkConduit& conduit, unsigned long method, const I
       {method, static_cast<const unsigned char*>(data), static_cast<uint32_t>(size)});
   if (frame.empty() || m_stopping) {
     m_calls.Wait(id, now);
-    return frame.empty() ? KT_STATUS_INVALID_SIZE : KT_STATUS_NOT_AVAILABLE;
+    return frame.empty() ? KT_STATUS_INVALID_SIZE : unanswered();
   }
   m_io->Send(conduit.Link(), id, std::move(frame));
   const CallResult result = m_calls.Wait(id, deadline);
+  if (!result.answered) return unanswered();
+  const auto took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - now);
+  m_tally.Add(kAnsweredCalls);
+  m_tally.Add(kRoundTripMicroseconds, static_cast<uint64_t>(took.count()));
   for (const std::string& record : result.records) CommitRecord(reply, record.data(), record.size());
   return result.status;
 }

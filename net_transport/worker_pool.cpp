@@ -18,6 +18,17 @@ bool WorkerPool::Submit(std::function<void()> task) {
   return true;
 }
 
+void WorkerPool::Every(std::chrono::milliseconds period, std::function<void()> task) {
+  {
+    std::lock_guard<std::mutex> hold(m_mutex);
+    m_periodic = std::move(task);
+    m_period = period;
+    m_nextPeriodic = Clock::now() + period;
+  }
+  // A waiting thread learns the new time to wake at.
+  m_queued.notify_all();
+}
+
 void WorkerPool::Stop() {
   {
     std::lock_guard<std::mutex> hold(m_mutex);
@@ -35,13 +46,29 @@ void WorkerPool::Work() {
     std::function<void()> task;
     {
       std::unique_lock<std::mutex> hold(m_mutex);
-      m_queued.wait(hold, [this] { return m_stopping || !m_tasks.empty(); });
+      while (!m_stopping && !(task = TakeDue())) {
+        if (m_periodic) {
+          m_queued.wait_until(hold, m_nextPeriodic);
+        } else {
+          m_queued.wait(hold);
+        }
+      }
       if (m_stopping) return;
-      task = std::move(m_tasks.front());
-      m_tasks.pop_front();
     }
     task();
   }
+}
+
+std::function<void()> WorkerPool::TakeDue() {
+  if (!m_tasks.empty()) {
+    std::function<void()> task = std::move(m_tasks.front());
+    m_tasks.pop_front();
+    return task;
+  }
+  if (!m_periodic || Clock::now() < m_nextPeriodic) return nullptr;
+  // Counted from now: a late round does not make the next ones come in a burst.
+  m_nextPeriodic = Clock::now() + m_period;
+  return m_periodic;
 }
 
 }  // namespace kt_net

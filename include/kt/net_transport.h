@@ -7,7 +7,11 @@
 // as they do in the peer.
 //
 // A host loads the module like any other: dlopen, read its export table (one
-// row, "NetTransport", a publisher) and Add the extension. Before that, or at
+// row, "NetTransport", a publisher) and Add the extension. As a publisher it
+// publishes its link figures (links up, calls made and failed, frames and
+// bytes each way, errors, round trip; the README's network section lists
+// them) as metrics of its own node, committed once a second, and unpublishes
+// them when it is removed. Before that, or at
 // any time after, it configures the module through the two C functions
 // below, which it finds with dlsym on the module's handle:
 //

@@ -8,13 +8,17 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "host_loader.h"
 #include "kt/net_transport.h"
+#include "kt/value_convention.h"
 #include "net_host/net_kit.h"
 #include "support/fakes.h"
 
@@ -175,6 +179,26 @@ long MsSince(Clock::time_point start) {
   return static_cast<long>(std::chrono::duration_cast<milliseconds>(Clock::now() - start).count());
 }
 
+// Keeps the last sample of each metric; samples come on the transport's threads.
+class LastSamples : public IConsumer {
+ public:
+  void OnMetricUpdated(unsigned int count, unsigned long* handles, const unsigned long*,
+                       const void** data, unsigned long* sizes) override {
+    std::lock_guard<std::mutex> hold(m_mutex);
+    for (unsigned int i = 0; i < count; ++i) {
+      m_last[handles[i]].assign(static_cast<const char*>(data[i]), sizes != nullptr ? sizes[i] : 8);
+    }
+  }
+  std::string Last(unsigned long handle) {
+    std::lock_guard<std::mutex> hold(m_mutex);
+    return m_last[handle];
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::map<unsigned long, std::string> m_last;
+};
+
 class LinkTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -215,6 +239,7 @@ class LinkTest : public ::testing::Test {
   }
 
   TestExtensions extensions;  // outlives the loader
+  LastSamples figures;        // as do the transport's figures
   kt_host::HostLoader host;
 };
 
@@ -336,6 +361,70 @@ TEST_F(LinkTest, MutualMountsABouncingCallAndRemovalEndWithinTheDeadline) {
   EXPECT_LT(MsSince(removed), 500) << "long before the deadline";
   EXPECT_EQ(Mounts(), 0u);
   EXPECT_EQ(PathHandle(host.Client(), "conduits/NetLink-1"), 0u);
+}
+
+TEST_F(LinkTest, LinkFiguresFollowCallsAKilledPeerAndTheRestartThatFreesItsConduit) {
+  using namespace ValueConvention;
+  kt_net_test::TempDir dir;
+  const std::string endpoint = "ipc://" + dir.Path() + "/peer";
+  Set({{"grace-ms", "800"}, {"deadline-ms", "300"}});
+  auto peer = Peer("remote", "browse", endpoint);
+  ASSERT_TRUE(Dial(*peer));
+  ASSERT_EQ(host.AddExtension("figures", &figures, nullptr), 0);
+  IClientManager* client = host.Client();
+  const std::string node = "publishers/NetTransport/";
+  auto Described = [&](const std::string& figure) {
+    Metric::Description desc;
+    client->GetMetricDescriptor(PathHandle(client, node + figure), &desc);
+    return desc;
+  };
+  auto Figure = [&](const std::string& figure) {  // its last sample, -1 before the first
+    const std::string bytes = figures.Last(PathHandle(client, node + figure));
+    double value = -1;
+    Decode(EncodingOf(Described(figure)), bytes.data(), bytes.size(), &value);
+    return value;
+  };
+  unsigned int count = 0;
+  ASSERT_EQ(client->GetChildCount(PathHandle(client, node), &count), 0);
+  std::vector<unsigned long> handles(count);
+  ASSERT_EQ(client->GetChildren(PathHandle(client, node), handles.data(), count), 0);
+  for (unsigned long handle : handles) ASSERT_EQ(client->SubscribeMetric(figures.GetHandle(), handle), 0);
+  const std::tuple<const char*, const char*, Encoding, Type> rows[] = {
+      {"links_up", "", kEncodingUnsigned, kTypeGauge},
+      {"calls", "", kEncodingUnsigned, kTypeCounter},
+      {"received_bytes", "B", kEncodingUnsigned, kTypeCounter},
+      {"round_trip", "ms", kEncodingDouble, kTypeGauge}};
+  for (const auto& [figure, unit, encoding, type] : rows) {
+    const Metric::Description d = Described(figure);
+    EXPECT_TRUE(!d.text1.empty() && d.text2 == unit && EncodingOf(d) == encoding && TypeOf(d) == type)
+        << figure;
+  }
+
+  // Calls across the link move the calls and the frames each way.
+  ASSERT_TRUE(Eventually([&] { return Figure("links_up") == 1 && Figure("conduits_alive") == 1; }));
+  const double calls = Figure("calls"), sent = Figure("sent_frames"), received = Figure("received_frames");
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(client->GetChildCount(Remote(""), &count), 0);
+  EXPECT_TRUE(Eventually([&] {
+    return Figure("calls") >= calls + 5 && Figure("sent_frames") >= sent + 5 &&
+           Figure("received_frames") >= received + 5 && Figure("round_trip") > 0;
+  })) << Figure("calls") << " calls, " << Figure("sent_frames") << " frames sent";
+  EXPECT_EQ(Figure("calls_failed"), 0);
+
+  const unsigned long root = Remote("");
+  peer->Kill();
+  EXPECT_EQ(client->GetChildCount(root, &count), KT_STATUS_NOT_AVAILABLE);
+  EXPECT_TRUE(Eventually([&] {
+    return Figure("links_up") == 0 && Figure("links_down") >= 1 && Figure("calls_failed") >= 1;
+  }));
+
+  // The restarted peer gets a link and a conduit of its own; the old link's
+  // conduit is freed once the link is gone.
+  auto restarted = Peer("remote", "browse", endpoint);
+  EXPECT_TRUE(Eventually([&] {
+    return Figure("links_up") == 1 && PathHandle(client, "conduits/NetLink-2") != 0 &&
+           Figure("conduits_alive") == 1;
+  })) << Figure("conduits_alive") << " conduits alive";
+  host.RemoveExtension(&figures);
 }
 
 }  // namespace
