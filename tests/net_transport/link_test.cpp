@@ -367,7 +367,7 @@ TEST_F(LinkTest, LinkFiguresFollowCallsAKilledPeerAndTheRestartThatFreesItsCondu
   using namespace ValueConvention;
   kt_net_test::TempDir dir;
   const std::string endpoint = "ipc://" + dir.Path() + "/peer";
-  Set({{"grace-ms", "800"}, {"deadline-ms", "300"}});
+  Set({{"deadline-ms", "300"}, {"grace-ms", "800"}});
   auto peer = Peer("remote", "browse", endpoint);
   ASSERT_TRUE(Dial(*peer));
   ASSERT_EQ(host.AddExtension("figures", &figures, nullptr), 0);
