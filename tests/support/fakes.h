@@ -58,11 +58,15 @@ class HostLoader : public StubLoader {
 class BoundMetric : public IBoundMetric {
  public:
   explicit BoundMetric(unsigned long metric) : metric(metric) {}
-  void AttachBuffer(unsigned long conduit, IWriteBuffer* buffer) override;
-  void DetachBuffer(unsigned long conduit) override;
+  void AttachBuffer(unsigned long conduit, IWriteBuffer* buffer) override {
+    calls.push_back("attach " + std::to_string(conduit)), attached = buffer;
+  }
+  void DetachBuffer(unsigned long conduit) override {
+    calls.push_back("detach " + std::to_string(conduit)), attached = nullptr;
+  }
   unsigned long GetMetricHandle() override { return metric; }
   bool IsAttached(unsigned long) override { return attached != nullptr; }
-  void Flush(unsigned long conduit) override;
+  void Flush(unsigned long conduit) override { calls.push_back("flush " + std::to_string(conduit)); }
   unsigned long metric;
   IWriteBuffer* attached = nullptr;
   std::vector<std::string> calls;
@@ -74,10 +78,12 @@ class CountingPublisher : public IProbePublisher {
  public:
   IBoundMetric* BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
                            IBoundMetric**) override;
-  void UnbindMetric(unsigned long, IBoundMetric* metric) override;
+  void UnbindMetric(unsigned long, IBoundMetric*) override { ++unbinds; }
   void OnLoad() override { ++loads; }
   void OnUnload() override { ++unloads; }
-  Metrics::IProbe* CreateProbe(void*, unsigned long type) override;
+  Metrics::IProbe* CreateProbe(void*, unsigned long type) override {
+    return lastProbeType = type, nullptr;
+  }
   // The buffers `metric` is attached to, one per conduit.
   std::vector<IWriteBuffer*> WritersOf(unsigned long metric) const;
 
@@ -139,9 +145,8 @@ class ListeningConsumer : public RecordingConsumer, public IMetricStateListener 
 // A buffer of its own class. Each committed record is followed by 8 guard
 // bytes of 0xEE, poisoned under the address sanitizer: a reader that runs past
 // a record sees 0xEE or is stopped. Commit queues the oldest reservation;
-// GetData shows the oldest record and MakeAvailable drops it. `refuse` makes
-// Reserve answer null, `failReserve` makes it throw as an exhausted allocator
-// does.
+// GetData shows the oldest record and MakeAvailable drops it. `failReserve`
+// makes Reserve throw as an exhausted allocator does.
 class HostBuffer : public IReadWriteBuffer {
  public:
   explicit HostBuffer(const std::string& record = "");
@@ -157,11 +162,9 @@ class HostBuffer : public IReadWriteBuffer {
   // The committed records, oldest first.
   std::vector<std::string> Records() const;
 
-  bool refuse = false;
   bool failReserve = false;
   int flushes = 0;
   mutable int releases = 0;
-  std::vector<unsigned long> reserved;
   std::deque<std::vector<char>> pending;
   mutable std::deque<std::vector<char>> records;
 };
@@ -183,7 +186,7 @@ class FakeConduit : public IConduit {
 };
 
 // A method named `name` that answers `reply` followed by the bytes of its
-// argument record and returns `result`; counts its runs.
+// argument record; counts its runs.
 class RecordingMethod : public IRemoteMethod {
  public:
   explicit RecordingMethod(const char* name = "echo", const char* reply = "")
@@ -192,8 +195,6 @@ class RecordingMethod : public IRemoteMethod {
   void GetRemoteMethodDesc(RemoteMethodDesc& desc) override;
   std::string name;
   std::string reply;
-  bool result = true;
-  unsigned int inputs = 0, outputs = 0;
   int runs = 0;
 };
 
