@@ -224,7 +224,8 @@ struct MeetingConsumer : IConsumer {
                        unsigned long*) override {
     std::unique_lock<std::mutex> hold(place->mutex);
     ++place->arrived, place->met.notify_all();
-    together = place->met.wait_for(hold, std::chrono::seconds(10), [&] { return place->arrived >= 2; });
+    together = place->met.wait_for(hold, std::chrono::seconds(10),
+                                   [&] { return place->arrived >= 2; });
   }
   Place* place = nullptr;
   bool together = false;
