@@ -8,8 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "state/conduit_state.h"
-#include "state/data_push.h"
 #include "state/metric_state.h"
 #include "state/peer_state.h"
 #include "support/harness.h"
@@ -36,25 +34,6 @@ class ClientManagerTest : public ::testing::Test {
   RecordingConsumer consumer;
   LiveManager live;
 };
-
-TEST_F(ClientManagerTest, ConsumerConduitLeadsToTheMetricsProcessOnly) {
-  ASSERT_EQ(live.Add("k", &consumer), KT_STATUS_SUCCESS);
-  const unsigned long k = consumer.GetHandle();
-  const unsigned long metric = Publish("m");
-  Registry elsewhere;
-  const unsigned long foreign = elsewhere.GetChild("x", kPathCreate)->GetHandle();
-
-  const unsigned long conduit = client().GetConduitHandle(k, metric);
-
-  EXPECT_NE(live.StateAt<ConduitState>(conduit), nullptr);
-  EXPECT_EQ(registry().GetChild("conduits", 0)->GetChildNamed("LocalConduit_k", 0)->GetHandle(),
-            conduit);
-  for (auto [consumerHandle, metricHandle] : {std::pair{k, foreign}, {0x4242ul, metric},
-                                               {publisher.GetHandle(), metric}}) {
-    EXPECT_EQ(client().GetConduitHandle(consumerHandle, metricHandle), 0u) << consumerHandle;
-  }
-  live.Remove("k", &consumer);
-}
 
 TEST_F(ClientManagerTest, ProxyIsFoundOnlyForAProcessMountedUnderPeers) {
   Registry elsewhere;

@@ -92,6 +92,11 @@ TEST_F(SubscriptionTest, SubscribedConsumersReceiveEachSampleOnceUntilUnsubscrib
     EXPECT_EQ(c->samples[0].bytes.size(), 4u) << "the size of the sample, terminator included";
   }
   EXPECT_TRUE(Drained(metric));
+  const unsigned long conduit = live.client->GetConduitHandle(k, metric);
+  EXPECT_EQ(live.client->FlushMetrics(k), KT_STATUS_SUCCESS);
+  EXPECT_EQ(live.client->__FlushMetrics(conduit), KT_STATUS_SUCCESS);
+  const Strings& flushed = publisher.bound.at(0)->calls;
+  EXPECT_EQ(std::count(flushed.begin(), flushed.end(), "flush " + std::to_string(conduit)), 2);
   ASSERT_EQ(live.client->UnsubscribeMetric(k, metric), KT_STATUS_SUCCESS);
   EXPECT_EQ(publisher.unbinds, 1);
   EXPECT_EQ(publisher.WritersOf(metric).size(), 1u) << "the publisher no longer writes there";
@@ -161,18 +166,6 @@ TEST_F(SubscriptionTest, BatchedMetricGoesOneSampleAtATimeToBatchedConsumersOnly
   EXPECT_TRUE(consumer.calls.empty());
   EXPECT_EQ(batched.received, 2u) << "no plain call besides the batches";
   EXPECT_TRUE(Drained(metric));
-}
-
-TEST_F(SubscriptionTest, FlushReachesTheBoundPublishers) {
-  const unsigned long metric = Publish("m");
-  ASSERT_EQ(live.client->SubscribeMetric(k, metric), KT_STATUS_SUCCESS);
-  const unsigned long conduit = live.client->GetConduitHandle(k, metric);
-
-  EXPECT_EQ(live.client->FlushMetrics(k), KT_STATUS_SUCCESS);
-  EXPECT_EQ(live.client->__FlushMetrics(conduit), KT_STATUS_SUCCESS);
-
-  const Strings& calls = publisher.bound.at(0)->calls;
-  EXPECT_EQ(std::count(calls.begin(), calls.end(), "flush " + std::to_string(conduit)), 2);
 }
 
 // Whichever goes first, the metric is unbound once and nothing is left
