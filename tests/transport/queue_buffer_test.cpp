@@ -168,34 +168,26 @@ TEST_F(QueueBufferTest, TimeBasedSampleReachesConsumersWithTag199AndIsReleased) 
 
 // One thread reserves and commits numbered samples of varying size while
 // another drains them: every sample arrives once, in order and intact.
-TEST(QueueBufferThreadTest, ProducerAndDrainerOnTwoThreadsLoseNothing) {
+TEST_F(QueueBufferTest, ProducerAndDrainerOnTwoThreadsLoseNothing) {
   constexpr unsigned int kSamples = 5000;
-  QueueBuffer buffer(64, nullptr, 0, 0, 0);  // small: arenas come and go
+  auto buffer = Make(64);  // small: arenas come and go
   auto sample = [](unsigned int i) { return std::string(8 + i % 24, static_cast<char>(i)); };
   std::atomic<bool> produced{false};
   std::thread producer([&] {
-    for (unsigned int i = 0; i < kSamples; ++i) {
-      const std::string text = sample(i);
-      void* block = buffer.Reserve(text.size());
-      std::memcpy(block, text.data(), text.size());
-      buffer.Commit(block);
-    }
+    for (unsigned int i = 0; i < kSamples; ++i) Write(*buffer, sample(i));
     produced = true;
   });
 
   unsigned int received = 0, corrupt = 0;
   for (bool last = false; received < kSamples && !last;) {
     last = produced;  // read before the queue: a lost sample ends the loop
-    const void* data = nullptr;
-    unsigned long size = 0;
-    buffer.GetData(&data, &size);
-    if (data == nullptr) {
+    const std::string text = Take(*buffer);
+    if (text.empty()) {
       std::this_thread::yield();
-      continue;
+    } else {
+      last = false;
+      corrupt += text != sample(received++);
     }
-    last = false;
-    corrupt += std::string(static_cast<const char*>(data), size) != sample(received++);
-    buffer.MakeAvailable(data);
   }
   producer.join();
   EXPECT_EQ(received, kSamples);
