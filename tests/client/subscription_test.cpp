@@ -37,9 +37,6 @@ class SubscriptionTest : public ::testing::Test {
   unsigned long Publish(const char* uri, unsigned int tag = 1, unsigned int group = kUngrouped) {
     return live.Publish(&publisher, Describe(uri, tag, group));
   }
-  ConduitState* ConduitOf(unsigned long consumerHandle, unsigned long metric) {
-    return live.StateAt<ConduitState>(live.client->GetConduitHandle(consumerHandle, metric));
-  }
   // Commits `bytes` into every buffer `metric` is bound to.
   void Write(unsigned long metric, const std::string& bytes) {
     for (IWriteBuffer* buffer : publisher.WritersOf(metric)) {
@@ -152,8 +149,9 @@ TEST_F(SubscriptionTest, BatchedMetricGoesOneSampleAtATimeToBatchedConsumersOnly
   ASSERT_EQ(live.client->SubscribeMetric(k, metric), KT_STATUS_SUCCESS);
   ASSERT_EQ(live.client->SubscribeMetric(kb, metric), KT_STATUS_SUCCESS);
   for (unsigned long c : {k, kb}) {
-    ASSERT_EQ(ConduitOf(c, metric)->AddBatchMetric(metric), KT_STATUS_SUCCESS);
-    ConduitOf(c, metric)->AddBatchMetric(metric);
+    auto* conduit = live.StateAt<ConduitState>(live.client->GetConduitHandle(c, metric));
+    ASSERT_EQ(conduit->AddBatchMetric(metric), KT_STATUS_SUCCESS);
+    conduit->AddBatchMetric(metric);
   }
 
   Write(metric, "x");

@@ -8,28 +8,6 @@
 namespace MetricsFramework {
 namespace testing_fakes {
 
-KT_STATUS HostLoader::AddExtension(const char* name, IKTExtensionBase* extension,
-                                   const ExtensionBinaryDesc*) {
-  names[extension] = name;
-  return manager->Add(ExtensionBinaryDesc{}, name, dynamic_cast<IExtension*>(extension), this);
-}
-
-KT_STATUS HostLoader::RemoveExtension(IKTExtensionBase* extension) {
-  const std::string name = names[extension];
-  names.erase(extension);
-  return manager->Remove(ExtensionBinaryDesc{}, name.c_str(), dynamic_cast<IExtension*>(extension),
-                         this);
-}
-
-
-IBoundMetric* CountingPublisher::BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
-                                            IBoundMetric**) {
-  ++binds;
-  bound.push_back(std::make_unique<BoundMetric>(metric));
-  return bound.back().get();
-}
-
-
 std::vector<IWriteBuffer*> CountingPublisher::WritersOf(unsigned long metric) const {
   std::vector<IWriteBuffer*> writers;
   for (const auto& b : bound) {
@@ -115,12 +93,6 @@ std::vector<std::string> HostBuffer::Records() const {
   return texts;
 }
 
-KT_STATUS FakeConduit::CreateBuffer(unsigned long, IReadWriteBuffer** out) {
-  buffers.push_back(std::make_unique<HostBuffer>());
-  *out = buffers.back().get();
-  return KT_STATUS_SUCCESS;
-}
-
 bool RecordingMethod::Run(const IReadBuffer* args, IWriteBuffer* returns) {
   ++runs;
   const void* data = nullptr;
@@ -137,26 +109,6 @@ bool RecordingMethod::Run(const IReadBuffer* args, IWriteBuffer* returns) {
 
 void RecordingMethod::GetRemoteMethodDesc(RemoteMethodDesc& desc) {
   std::strncpy(desc.m_name, name.c_str(), sizeof(desc.m_name) - 1);
-}
-
-void RecordingLogger::Log(unsigned int level, const char* line) {
-  std::lock_guard<std::mutex> hold(mutex);
-  lines.push_back(std::to_string(level) + ":" + (line != nullptr ? line : "(null)"));
-}
-
-std::vector<std::string> RecordingLogger::Lines() {
-  std::lock_guard<std::mutex> hold(mutex);
-  return lines;
-}
-
-Metric::Description Describe(const std::string& uri, unsigned int tag, unsigned int group,
-                             unsigned int flags) {
-  Metric::Description d;
-  d.uri = uri;
-  d.word1 = tag;
-  d.word4 = group;
-  d.flags = flags;
-  return d;
 }
 
 }  // namespace testing_fakes

@@ -47,8 +47,16 @@ class HostLoader : public StubLoader {
  public:
   explicit HostLoader(IExtensionManager* manager = nullptr) : manager(manager) {}
   KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
-                         const ExtensionBinaryDesc*) override;
-  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override;
+                         const ExtensionBinaryDesc*) override {
+    names[extension] = name;
+    return manager->Add(ExtensionBinaryDesc{}, name, dynamic_cast<IExtension*>(extension), this);
+  }
+  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
+    const std::string name = names[extension];
+    names.erase(extension);
+    return manager->Remove(ExtensionBinaryDesc{}, name.c_str(),
+                           dynamic_cast<IExtension*>(extension), this);
+  }
   IExtensionManager* manager;
   std::map<IKTExtensionBase*, std::string> names;
 };
@@ -77,7 +85,10 @@ class BoundMetric : public IBoundMetric {
 class CountingPublisher : public IProbePublisher {
  public:
   IBoundMetric* BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
-                           IBoundMetric**) override;
+                           IBoundMetric**) override {
+    ++binds;
+    return bound.emplace_back(std::make_unique<BoundMetric>(metric)).get();
+  }
   void UnbindMetric(unsigned long, IBoundMetric*) override { ++unbinds; }
   void OnLoad() override { ++loads; }
   void OnUnload() override { ++unloads; }
@@ -175,7 +186,10 @@ class FakeConduit : public IConduit {
  public:
   void OnSubscribed(unsigned long) override {}
   void OnUnsubscribed(unsigned long) override {}
-  KT_STATUS CreateBuffer(unsigned long, IReadWriteBuffer** out) override;
+  KT_STATUS CreateBuffer(unsigned long, IReadWriteBuffer** out) override {
+    *out = buffers.emplace_back(std::make_unique<HostBuffer>()).get();
+    return KT_STATUS_SUCCESS;
+  }
   void DestroyBuffer(IReadWriteBuffer* buffer) override { returned.push_back(buffer); }
   KT_STATUS Transact(unsigned long, const IReadBuffer*, IWriteBuffer*) override { return 0; }
   unsigned long GetRemoteHandle() override { return remote != 0 ? remote : GetHandle(); }
@@ -201,8 +215,14 @@ class RecordingMethod : public IRemoteMethod {
 // Keeps every line as "level:text". Thread-safe.
 class RecordingLogger : public ILogger {
  public:
-  void Log(unsigned int level, const char* line) override;
-  std::vector<std::string> Lines();
+  void Log(unsigned int level, const char* line) override {
+    std::lock_guard<std::mutex> hold(mutex);
+    lines.push_back(std::to_string(level) + ":" + (line != nullptr ? line : "(null)"));
+  }
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> hold(mutex);
+    return lines;
+  }
   std::mutex mutex;
   std::vector<std::string> lines;
 };
@@ -218,8 +238,12 @@ class RecordingErrorListener : public IClientManagerErrorListener {
 
 // A description named `uri` whose tag (word1) is `tag`, in group `group`
 // (word4), with `flags`.
-Metric::Description Describe(const std::string& uri, unsigned int tag = 1,
-                             unsigned int group = 0xFFFFFFFF, unsigned int flags = 0);
+inline Metric::Description Describe(const std::string& uri, unsigned int tag = 1,
+                                    unsigned int group = 0xFFFFFFFF, unsigned int flags = 0) {
+  Metric::Description d;
+  d.uri = uri, d.word1 = tag, d.word4 = group, d.flags = flags;
+  return d;
+}
 
 }  // namespace testing_fakes
 }  // namespace MetricsFramework
