@@ -7,34 +7,13 @@
 #include <link.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
 
 namespace {
-
-constexpr std::size_t kRowSize = 32;
-constexpr std::size_t kRowCount = 4;
-
-struct ExpectedRow {
-  const char* name;
-  std::uint64_t kindAndMagic;  // bytes 8..15 as one little-endian word
-};
-
-constexpr ExpectedRow kExpectedRows[kRowCount] = {
-    {"DefaultExtensionManager", 0xEBAD000000000004u},
-    {"DefaultClientManager", 0xEBAD000000000004u},
-    {"ClientCommandMethod", 0xEBAD000000000000u},
-    {"", 0},
-};
-
-std::uint64_t LittleEndian64(const unsigned char* bytes) {
-  std::uint64_t word = 0;
-  for (int i = 7; i >= 0; --i) word = (word << 8) | bytes[i];
-  return word;
-}
 
 template <typename T>
 T ReadAt(const unsigned char* bytes) {
@@ -43,61 +22,56 @@ T ReadAt(const unsigned char* bytes) {
   return value;
 }
 
-// Answers whether the mapping that holds `address` is writable.
+// Whether the mapping that holds `address` is writable.
 bool IsWritableMapping(const void* address) {
   const auto target = reinterpret_cast<std::uintptr_t>(address);
-  FILE* maps = std::fopen("/proc/self/maps", "r");
-  if (maps == nullptr) return true;
-  char line[512];
-  bool writable = true;
-  unsigned long begin = 0, end = 0;
-  char perms[5] = {};
-  while (std::fgets(line, sizeof(line), maps) != nullptr) {
-    if (std::sscanf(line, "%lx-%lx %4s", &begin, &end, perms) != 3) continue;
-    if (target < begin || target >= end) continue;
-    writable = perms[1] == 'w';
-    break;
+  std::ifstream maps("/proc/self/maps");
+  std::uintptr_t begin = 0, end = 0;
+  std::string perms, rest;
+  for (char dash; maps >> std::hex >> begin >> dash >> end >> perms && std::getline(maps, rest);) {
+    if (target >= begin && target < end) return perms[1] == 'w';
   }
-  std::fclose(maps);
-  return writable;
-}
-
-// Whether `address` lies inside the file of the loaded `library`.
-bool InLibrary(void* library, const void* address) {
-  Dl_info info{};
-  link_map* map = nullptr;
-  if (dladdr(address, &info) == 0 || dlinfo(library, RTLD_DI_LINKMAP, &map) != 0) return false;
-  return std::string(info.dli_fname) == map->l_name;
+  return true;
 }
 
 TEST(ExportTableTest, OneReadOnlySymbolOfFourRowsWithNameKindMagicAndFactory) {
+  const struct {
+    const char* name;
+    std::uint64_t kindAndMagic;  // bytes 8..15 as one little-endian word
+  } rows[] = {{"DefaultExtensionManager", 0xEBAD000000000004u},
+              {"DefaultClientManager", 0xEBAD000000000004u},
+              {"ClientCommandMethod", 0xEBAD000000000000u},
+              {"", 0}};
   void* library = dlopen(KT_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(library, nullptr) << dlerror();
   const auto* table =
       static_cast<const unsigned char*>(dlsym(library, "__extension_export_table__"));
   ASSERT_NE(table, nullptr) << dlerror();
+  link_map* map = nullptr;
+  ASSERT_EQ(dlinfo(library, RTLD_DI_LINKMAP, &map), 0);
 
   Dl_info info{};
   ElfW(Sym)* symbol = nullptr;
   ASSERT_NE(dladdr1(table, &info, reinterpret_cast<void**>(&symbol), RTLD_DL_SYMENT), 0);
   ASSERT_NE(symbol, nullptr);
   EXPECT_STREQ(info.dli_sname, "__extension_export_table__");
-  EXPECT_EQ(symbol->st_size, kRowCount * kRowSize);
+  EXPECT_EQ(symbol->st_size, sizeof(rows) / sizeof(rows[0]) * 32);
   EXPECT_EQ(ELF64_ST_TYPE(symbol->st_info), STT_OBJECT);
   EXPECT_FALSE(IsWritableMapping(table)) << "the table must not be writable after loading";
 
-  for (std::size_t i = 0; i < kRowCount; ++i) {
-    SCOPED_TRACE("row " + std::to_string(i + 1));
-    const unsigned char* row = table + i * kRowSize;
+  for (const auto& expected : rows) {
+    const unsigned char* row = table + (&expected - rows) * 32;
+    SCOPED_TRACE(expected.name);
     const auto* name = ReadAt<const char*>(row);
     const auto* factory = ReadAt<void*>(row + 24);
     ASSERT_NE(name, nullptr);
-    EXPECT_STREQ(name, kExpectedRows[i].name);
-    EXPECT_EQ(LittleEndian64(row + 8), kExpectedRows[i].kindAndMagic);
-    EXPECT_EQ(LittleEndian64(row + 16), 0u) << "reserved word";
-    const bool last = i + 1 == kRowCount;
+    EXPECT_STREQ(name, expected.name);
+    EXPECT_EQ(ReadAt<std::uint64_t>(row + 8), expected.kindAndMagic);
+    EXPECT_EQ(ReadAt<std::uint64_t>(row + 16), 0u) << "reserved word";
+    const bool last = *expected.name == '\0';
     EXPECT_EQ(factory != nullptr, !last);
-    EXPECT_TRUE(last || InLibrary(library, factory)) << "factory outside the library";
+    EXPECT_TRUE(last || (dladdr(factory, &info) && std::string(info.dli_fname) == map->l_name))
+        << "factory outside the library";
   }
   dlclose(library);
 }

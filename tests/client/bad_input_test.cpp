@@ -79,6 +79,7 @@ TEST_F(ClientManagerBadInputTest, NamespaceQueriesRefuseNullOutputsAndBadHandles
 
 TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
   const unsigned long batch[] = {metric, unknown, foreignMetric};
+  const unsigned long pub = publisher.GetHandle();
   RecordingErrorListener listener;
   ExpectRefusals({
       REFUSAL(c.SubscribeMetric(con, 0), kArgument, "metric"),
@@ -103,6 +104,10 @@ TEST_F(ClientManagerBadInputTest, SubscriptionsRefuseBadConsumersAndMetrics) {
       REFUSAL(c.FlushMetrics(foreignMetric), kObject, "consumer"),
   });
   EXPECT_EQ(listener.errors.size(), 2u);  // the unknown and the foreign metric
+  // No conduit leads to a foreign metric, from an unknown consumer or from a publisher.
+  for (auto [who, m] : {std::pair{con, foreignMetric}, {unknown, metric}, {pub, metric}}) {
+    EXPECT_EQ(c.GetConduitHandle(who, m), 0u) << who;
+  }
 }
 
 // The private twins (consumer, conduit, metric, full) check their arguments in

@@ -8,8 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "state/conduit_state.h"
-#include "state/data_push.h"
 #include "state/metric_state.h"
 #include "state/peer_state.h"
 #include "support/harness.h"
@@ -36,25 +34,6 @@ class ClientManagerTest : public ::testing::Test {
   RecordingConsumer consumer;
   LiveManager live;
 };
-
-TEST_F(ClientManagerTest, ConsumerConduitLeadsToTheMetricsProcessOnly) {
-  ASSERT_EQ(live.Add("k", &consumer), KT_STATUS_SUCCESS);
-  const unsigned long k = consumer.GetHandle();
-  const unsigned long metric = Publish("m");
-  Registry elsewhere;
-  const unsigned long foreign = elsewhere.GetChild("x", kPathCreate)->GetHandle();
-
-  const unsigned long conduit = client().GetConduitHandle(k, metric);
-
-  EXPECT_NE(live.StateAt<ConduitState>(conduit), nullptr);
-  EXPECT_EQ(registry().GetChild("conduits", 0)->GetChildNamed("LocalConduit_k", 0)->GetHandle(),
-            conduit);
-  EXPECT_EQ(client().GetConduitHandle(k, foreign), 0u) << "no conduit to another process";
-  EXPECT_EQ(client().GetConduitHandle(0x4242, metric), 0u) << "unknown consumer";
-  EXPECT_EQ(client().GetConduitHandle(publisher.GetHandle(), metric), 0u)
-      << "a publisher is no consumer";
-  live.Remove("k", &consumer);
-}
 
 TEST_F(ClientManagerTest, ProxyIsFoundOnlyForAProcessMountedUnderPeers) {
   Registry elsewhere;
@@ -96,26 +75,6 @@ TEST_F(ClientManagerTest, DestructorHandsItsExtensionsBackAndDeletesTheirNodes) 
   EXPECT_EQ(registry().ResolveHandle(nullConsumer), nullptr);
   EXPECT_EQ(registry().ResolveHandle(conduit), nullptr);
   EXPECT_EQ(publisher.unbinds, 1);
-}
-
-TEST_F(ClientManagerTest, GetPathResolvesBelowTheRootOrAGivenNodeAndRefusesTheRest) {
-  const unsigned long metric = Publish("m");
-  const unsigned long p = publisher.GetHandle();
-  const struct {
-    unsigned long root;
-    const char* path;
-    unsigned long expected;
-  } found[] = {{0, "", registry().GetHandle()}, {0, "publishers/p/m", metric}, {p, "m", metric},
-               {p, "", p}};
-  for (const auto& row : found) {
-    SCOPED_TRACE(std::to_string(row.root) + " " + row.path);
-    unsigned long handle = 0;
-    ASSERT_EQ(client().GetPath(row.root, row.path, &handle), KT_STATUS_SUCCESS);
-    EXPECT_EQ(handle, row.expected);
-  }
-  unsigned long handle = 99;
-  EXPECT_EQ(client().GetPath(0, "publishers/p/missing", &handle), KT_STATUS_DOES_NOT_EXIST);
-  EXPECT_EQ(handle, 99u) << "nothing written on failure";
 }
 
 TEST_F(ClientManagerTest, ChildrenAreCountedAndListedInChildOrder) {

@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
 
-#include "state/metric_state.h"
 #include "support/harness.h"
 
 namespace MetricsFramework {
@@ -12,70 +14,39 @@ namespace {
 
 using namespace testing_fakes;
 
-class PublisherStateTest : public ::testing::Test {
- protected:
-  PublisherStateTest() {
-    node = registry.GetChild("publishers/p", kPathCreate);
-    state = new PublisherState(&publisher, node);
-    conduit = registry.GetChild("conduits/c", kPathCreate | kPathUnlisted);
-    events.Listen(registry);
-  }
-
-  unsigned long Publish(const std::string& uri, std::vector<unsigned int> sets) {
-    Metric::Description d;
-    d.uri = uri;
+// A bound metric makes its siblings unavailable unless they share one of its
+// sets; unbound again, they come back. Child order decides who is told first.
+TEST(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAllBound) {
+  Registry registry;
+  CountingPublisher publisher;
+  auto* state = new PublisherState(&publisher, registry.GetChild("publishers/p", kPathCreate));
+  Path* conduit = registry.GetChild("conduits/c", kPathCreate | kPathUnlisted);
+  EventLog log;
+  log.Listen(registry);
+  auto publish = [&](const char* uri, std::vector<unsigned int> sets) {
+    Metric::Description d = Describe(uri);
     d.setIds = std::move(sets);
     unsigned long handle = 0;
     EXPECT_EQ(state->PublishMetric(d, &handle), KT_STATUS_SUCCESS);
     return handle;
-  }
-  MetricState* MetricAt(unsigned long handle) {
-    return dynamic_cast<MetricState*>(node->GetChild(handle, 0)->GetPayload());
-  }
-  bool Available(unsigned long handle) {
-    return (MetricAt(handle)->m_description.flags & Metric::kFlagAvailable) != 0;
-  }
-  IBoundMetric* Bind(unsigned long handle) {
+  };
+  // The events of binding `handle`, then of unbinding it, each sorted.
+  auto bindAndUnbind = [&](unsigned long handle) {
+    std::pair<Events, Events> events;
     IBoundMetric* bound = nullptr;
+    log.events.clear();
     EXPECT_EQ(state->Bind(handle, conduit, nullptr, &bound), KT_STATUS_SUCCESS);
-    return bound;
-  }
-
-  static Events Sorted(Events events) {
-    std::sort(events.begin(), events.end());
+    events.first.swap(log.events);
+    EXPECT_EQ(state->Unbind(handle, conduit, bound), KT_STATUS_SUCCESS);
+    events.second.swap(log.events);
+    for (Events* e : {&events.first, &events.second}) std::sort(e->begin(), e->end());
     return events;
-  }
+  };
+  const unsigned long a = publish("a", {1, 2}), b = publish("b", {2});
 
-  Registry registry;
-  CountingPublisher publisher;
-  Path* node;
-  PublisherState* state;
-  Path* conduit;
-  EventLog events;
-};
-
-TEST_F(PublisherStateTest, MetricIsAvailableExactlyWhenOneOfItsSetsIsSharedByAllBound) {
-  const unsigned long a = Publish("a", {1, 2});
-  const unsigned long shares = Publish("b", {2});
-  events.events.clear();
-  IBoundMetric* sharing = Bind(shares);
-  EXPECT_TRUE(Available(a)) << "a bound sibling sharing a set keeps it available";
-  EXPECT_TRUE(events.events.empty());
-  ASSERT_EQ(state->Unbind(shares, conduit, sharing), KT_STATUS_SUCCESS);
-  EXPECT_TRUE(Available(a));
-  const unsigned long other = Publish("c", {3});
-  events.events.clear();
-
-  IBoundMetric* bound = Bind(other);
-  const Events whileBound = events.events;
-  events.events.clear();
-  ASSERT_EQ(state->Unbind(other, conduit, bound), KT_STATUS_SUCCESS);
-
-  // Both unbound siblings lose their shared set; child order decides who is told first.
-  EXPECT_EQ(Sorted(whileBound), Sorted({{4, a}, {4, shares}}));
-  EXPECT_EQ(Sorted(events.events), Sorted({{3, a}, {3, shares}}));
-  EXPECT_TRUE(Available(a));
-  EXPECT_TRUE(Available(other));
+  EXPECT_EQ(bindAndUnbind(b), std::make_pair(Events{}, Events{})) << "a shares set 2";
+  const unsigned long c = publish("c", {3});
+  EXPECT_EQ(bindAndUnbind(c), std::make_pair(Events{{4, a}, {4, b}}, Events{{3, a}, {3, b}}));
 }
 
 }  // namespace

@@ -1,57 +1,12 @@
 #include "support/fakes.h"
 
+#include <sanitizer/asan_interface.h>  // its macros do nothing without the address sanitizer
+
 #include <cstring>
 #include <new>
 
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#include <sanitizer/asan_interface.h>
-#endif
-#endif
-
 namespace MetricsFramework {
 namespace testing_fakes {
-
-KT_STATUS HostLoader::AddExtension(const char* name, IKTExtensionBase* extension,
-                                   const ExtensionBinaryDesc*) {
-  names[extension] = name;
-  return manager->Add(ExtensionBinaryDesc{}, name, dynamic_cast<IExtension*>(extension), this);
-}
-
-KT_STATUS HostLoader::RemoveExtension(IKTExtensionBase* extension) {
-  const std::string name = names[extension];
-  names.erase(extension);
-  return manager->Remove(ExtensionBinaryDesc{}, name.c_str(), dynamic_cast<IExtension*>(extension),
-                         this);
-}
-
-void BoundMetric::AttachBuffer(unsigned long conduit, IWriteBuffer* buffer) {
-  calls.push_back("attach " + std::to_string(conduit));
-  attached = buffer;
-}
-
-void BoundMetric::DetachBuffer(unsigned long conduit) {
-  calls.push_back("detach " + std::to_string(conduit));
-  attached = nullptr;
-}
-
-void BoundMetric::Flush(unsigned long conduit) { calls.push_back("flush " + std::to_string(conduit)); }
-
-IBoundMetric* CountingPublisher::BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
-                                            IBoundMetric**) {
-  ++binds;
-  bound.push_back(std::make_unique<BoundMetric>(metric));
-  return bound.back().get();
-}
-
-void CountingPublisher::UnbindMetric(unsigned long, IBoundMetric*) { ++unbinds; }
-
-Metrics::IProbe* CountingPublisher::CreateProbe(void*, unsigned long type) {
-  lastProbeType = type;
-  return nullptr;
-}
 
 std::vector<IWriteBuffer*> CountingPublisher::WritersOf(unsigned long metric) const {
   std::vector<IWriteBuffer*> writers;
@@ -91,14 +46,7 @@ constexpr std::size_t kGuard = 8;
 
 void Guard(std::vector<char>& record, bool on) {
   char* guard = record.data() + record.size() - kGuard;
-#if defined(__SANITIZE_ADDRESS__)
   on ? ASAN_POISON_MEMORY_REGION(guard, kGuard) : ASAN_UNPOISON_MEMORY_REGION(guard, kGuard);
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-  on ? ASAN_POISON_MEMORY_REGION(guard, kGuard) : ASAN_UNPOISON_MEMORY_REGION(guard, kGuard);
-#endif
-#endif
-  (void)guard, (void)on;
 }
 
 }  // namespace
@@ -108,7 +56,6 @@ HostBuffer::HostBuffer(const std::string& record) {
   void* block = Reserve(record.size());
   std::memcpy(block, record.data(), record.size());
   Commit(block);
-  reserved.clear();
 }
 
 HostBuffer::~HostBuffer() {
@@ -128,9 +75,7 @@ void HostBuffer::MakeAvailable(const void*) const {
 }
 
 void* HostBuffer::Reserve(unsigned long size) {
-  reserved.push_back(size);
   if (failReserve) throw std::bad_alloc();
-  if (refuse) return nullptr;
   pending.emplace_back(size + kGuard, static_cast<char>(0xEE));
   return pending.back().data();
 }
@@ -148,12 +93,6 @@ std::vector<std::string> HostBuffer::Records() const {
   return texts;
 }
 
-KT_STATUS FakeConduit::CreateBuffer(unsigned long, IReadWriteBuffer** out) {
-  buffers.push_back(std::make_unique<HostBuffer>());
-  *out = buffers.back().get();
-  return KT_STATUS_SUCCESS;
-}
-
 bool RecordingMethod::Run(const IReadBuffer* args, IWriteBuffer* returns) {
   ++runs;
   const void* data = nullptr;
@@ -165,33 +104,11 @@ bool RecordingMethod::Run(const IReadBuffer* args, IWriteBuffer* returns) {
   if (block == nullptr && !text.empty()) return false;
   if (!text.empty()) std::memcpy(block, text.data(), text.size());
   returns->Commit(block);
-  return result;
+  return true;
 }
 
 void RecordingMethod::GetRemoteMethodDesc(RemoteMethodDesc& desc) {
   std::strncpy(desc.m_name, name.c_str(), sizeof(desc.m_name) - 1);
-  desc.m_inputCount = inputs;
-  desc.m_outputCount = outputs;
-}
-
-void RecordingLogger::Log(unsigned int level, const char* line) {
-  std::lock_guard<std::mutex> hold(mutex);
-  lines.push_back(std::to_string(level) + ":" + (line != nullptr ? line : "(null)"));
-}
-
-std::vector<std::string> RecordingLogger::Lines() {
-  std::lock_guard<std::mutex> hold(mutex);
-  return lines;
-}
-
-Metric::Description Describe(const std::string& uri, unsigned int tag, unsigned int group,
-                             unsigned int flags) {
-  Metric::Description d;
-  d.uri = uri;
-  d.word1 = tag;
-  d.word4 = group;
-  d.flags = flags;
-  return d;
 }
 
 }  // namespace testing_fakes

@@ -47,8 +47,16 @@ class HostLoader : public StubLoader {
  public:
   explicit HostLoader(IExtensionManager* manager = nullptr) : manager(manager) {}
   KT_STATUS AddExtension(const char* name, IKTExtensionBase* extension,
-                         const ExtensionBinaryDesc*) override;
-  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override;
+                         const ExtensionBinaryDesc*) override {
+    names[extension] = name;
+    return manager->Add(ExtensionBinaryDesc{}, name, dynamic_cast<IExtension*>(extension), this);
+  }
+  KT_STATUS RemoveExtension(IKTExtensionBase* extension) override {
+    const std::string name = names[extension];
+    names.erase(extension);
+    return manager->Remove(ExtensionBinaryDesc{}, name.c_str(),
+                           dynamic_cast<IExtension*>(extension), this);
+  }
   IExtensionManager* manager;
   std::map<IKTExtensionBase*, std::string> names;
 };
@@ -58,11 +66,15 @@ class HostLoader : public StubLoader {
 class BoundMetric : public IBoundMetric {
  public:
   explicit BoundMetric(unsigned long metric) : metric(metric) {}
-  void AttachBuffer(unsigned long conduit, IWriteBuffer* buffer) override;
-  void DetachBuffer(unsigned long conduit) override;
+  void AttachBuffer(unsigned long conduit, IWriteBuffer* buffer) override {
+    calls.push_back("attach " + std::to_string(conduit)), attached = buffer;
+  }
+  void DetachBuffer(unsigned long conduit) override {
+    calls.push_back("detach " + std::to_string(conduit)), attached = nullptr;
+  }
   unsigned long GetMetricHandle() override { return metric; }
   bool IsAttached(unsigned long) override { return attached != nullptr; }
-  void Flush(unsigned long conduit) override;
+  void Flush(unsigned long conduit) override { calls.push_back("flush " + std::to_string(conduit)); }
   unsigned long metric;
   IWriteBuffer* attached = nullptr;
   std::vector<std::string> calls;
@@ -73,11 +85,16 @@ class BoundMetric : public IBoundMetric {
 class CountingPublisher : public IProbePublisher {
  public:
   IBoundMetric* BindMetric(unsigned long metric, Path*, IReadWriteBuffer*,
-                           IBoundMetric**) override;
-  void UnbindMetric(unsigned long, IBoundMetric* metric) override;
+                           IBoundMetric**) override {
+    ++binds;
+    return bound.emplace_back(std::make_unique<BoundMetric>(metric)).get();
+  }
+  void UnbindMetric(unsigned long, IBoundMetric*) override { ++unbinds; }
   void OnLoad() override { ++loads; }
   void OnUnload() override { ++unloads; }
-  Metrics::IProbe* CreateProbe(void*, unsigned long type) override;
+  Metrics::IProbe* CreateProbe(void*, unsigned long type) override {
+    return lastProbeType = type, nullptr;
+  }
   // The buffers `metric` is attached to, one per conduit.
   std::vector<IWriteBuffer*> WritersOf(unsigned long metric) const;
 
@@ -139,9 +156,8 @@ class ListeningConsumer : public RecordingConsumer, public IMetricStateListener 
 // A buffer of its own class. Each committed record is followed by 8 guard
 // bytes of 0xEE, poisoned under the address sanitizer: a reader that runs past
 // a record sees 0xEE or is stopped. Commit queues the oldest reservation;
-// GetData shows the oldest record and MakeAvailable drops it. `refuse` makes
-// Reserve answer null, `failReserve` makes it throw as an exhausted allocator
-// does.
+// GetData shows the oldest record and MakeAvailable drops it. `failReserve`
+// makes Reserve throw as an exhausted allocator does.
 class HostBuffer : public IReadWriteBuffer {
  public:
   explicit HostBuffer(const std::string& record = "");
@@ -157,11 +173,9 @@ class HostBuffer : public IReadWriteBuffer {
   // The committed records, oldest first.
   std::vector<std::string> Records() const;
 
-  bool refuse = false;
   bool failReserve = false;
   int flushes = 0;
   mutable int releases = 0;
-  std::vector<unsigned long> reserved;
   std::deque<std::vector<char>> pending;
   mutable std::deque<std::vector<char>> records;
 };
@@ -172,7 +186,10 @@ class FakeConduit : public IConduit {
  public:
   void OnSubscribed(unsigned long) override {}
   void OnUnsubscribed(unsigned long) override {}
-  KT_STATUS CreateBuffer(unsigned long, IReadWriteBuffer** out) override;
+  KT_STATUS CreateBuffer(unsigned long, IReadWriteBuffer** out) override {
+    *out = buffers.emplace_back(std::make_unique<HostBuffer>()).get();
+    return KT_STATUS_SUCCESS;
+  }
   void DestroyBuffer(IReadWriteBuffer* buffer) override { returned.push_back(buffer); }
   KT_STATUS Transact(unsigned long, const IReadBuffer*, IWriteBuffer*) override { return 0; }
   unsigned long GetRemoteHandle() override { return remote != 0 ? remote : GetHandle(); }
@@ -183,7 +200,7 @@ class FakeConduit : public IConduit {
 };
 
 // A method named `name` that answers `reply` followed by the bytes of its
-// argument record and returns `result`; counts its runs.
+// argument record; counts its runs.
 class RecordingMethod : public IRemoteMethod {
  public:
   explicit RecordingMethod(const char* name = "echo", const char* reply = "")
@@ -192,16 +209,20 @@ class RecordingMethod : public IRemoteMethod {
   void GetRemoteMethodDesc(RemoteMethodDesc& desc) override;
   std::string name;
   std::string reply;
-  bool result = true;
-  unsigned int inputs = 0, outputs = 0;
   int runs = 0;
 };
 
 // Keeps every line as "level:text". Thread-safe.
 class RecordingLogger : public ILogger {
  public:
-  void Log(unsigned int level, const char* line) override;
-  std::vector<std::string> Lines();
+  void Log(unsigned int level, const char* line) override {
+    std::lock_guard<std::mutex> hold(mutex);
+    lines.push_back(std::to_string(level) + ":" + (line != nullptr ? line : "(null)"));
+  }
+  std::vector<std::string> Lines() {
+    std::lock_guard<std::mutex> hold(mutex);
+    return lines;
+  }
   std::mutex mutex;
   std::vector<std::string> lines;
 };
@@ -217,8 +238,12 @@ class RecordingErrorListener : public IClientManagerErrorListener {
 
 // A description named `uri` whose tag (word1) is `tag`, in group `group`
 // (word4), with `flags`.
-Metric::Description Describe(const std::string& uri, unsigned int tag = 1,
-                             unsigned int group = 0xFFFFFFFF, unsigned int flags = 0);
+inline Metric::Description Describe(const std::string& uri, unsigned int tag = 1,
+                                    unsigned int group = 0xFFFFFFFF, unsigned int flags = 0) {
+  Metric::Description d;
+  d.uri = uri, d.word1 = tag, d.word4 = group, d.flags = flags;
+  return d;
+}
 
 }  // namespace testing_fakes
 }  // namespace MetricsFramework

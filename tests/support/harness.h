@@ -1,7 +1,6 @@
 // What the in-process tests share beyond the fakes: a manager that records its
 // pushes, a manager and client manager wired as a host wires them, and the
-// table of refusals every public entry is checked with. This is the only test
-// header that reads the library's failure record.
+// table of refusals every public entry is checked with.
 #ifndef KT_TESTS_SUPPORT_HARNESS_H_
 #define KT_TESTS_SUPPORT_HARNESS_H_
 
@@ -44,10 +43,9 @@ class FakeManager : public DefaultExtensionManager {
 class FakePeer : public IPeer {
  public:
   explicit FakePeer(IClientManager* clientManager = nullptr) : clientManager(clientManager) {}
-  void Release() override { ++releases; }
+  void Release() override {}
   IClientManager* GetClientManager() override { return clientManager; }
   IClientManager* clientManager;
-  int releases = 0;
 };
 
 // Keeps the state events a registry sends, as (event, handle).
@@ -83,16 +81,14 @@ struct LiveManager {
     return manager.Remove(ExtensionBinaryDesc{}, name, extension, &loader);
   }
   Registry& registry() { return manager.GetRegistry(); }
-  // A handle of this registry that names no node.
-  unsigned long UnknownHandle();
+  unsigned long UnknownHandle();  // a handle of this registry that names no node
   // The payload of the node `handle` names, as a T; null when it is none.
   template <typename T>
   T* StateAt(unsigned long handle) {
     Path* node = registry().ResolveHandle(handle);
     return node != nullptr ? dynamic_cast<T*>(node->GetPayload()) : nullptr;
   }
-  // Publishes `d` for `publisher`; its handle.
-  unsigned long Publish(IPublisher* publisher, const Metric::Description& d);
+  unsigned long Publish(IPublisher* publisher, const Metric::Description& d);  // its handle
 
   LoadedCommandMethod command;
   DefaultExtensionManager manager;

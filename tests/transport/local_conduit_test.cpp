@@ -4,42 +4,32 @@
 
 #include <atomic>
 #include <set>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "support/harness.h"
-#include "transport/queue_buffer.h"
 
 namespace MetricsFramework {
 
 // Reads the pool of a conduit.
-class LocalConduitInspector {
- public:
-  static size_t Free(const LocalConduit& conduit) { return conduit.freeBuffers.size(); }
-  static size_t Live(const LocalConduit& conduit) { return conduit.liveBuffers.size(); }
-  static size_t Distinct(const LocalConduit& conduit) {
-    return std::set<IReadWriteBuffer*>(conduit.freeBuffers.begin(), conduit.freeBuffers.end())
-        .size();
+struct LocalConduitInspector {
+  static size_t Live(const LocalConduit& c) { return c.liveBuffers.size(); }
+  static size_t Free(const LocalConduit& c) { return c.freeBuffers.size(); }
+  static size_t Distinct(const LocalConduit& c) {
+    return std::set<IReadWriteBuffer*>(c.freeBuffers.begin(), c.freeBuffers.end()).size();
   }
 };
 
 namespace {
 
-using testing_fakes::FakeManager;
-typedef unsigned long Handle;
-
-constexpr Handle kConduitHandle = 0x1234;
+using namespace testing_fakes;
 
 class LocalConduitTest : public ::testing::Test {
  protected:
   void SetUp() override {
     manager.drain = false;  // pushed samples stay queued
-    conduit.Load(&manager, nullptr, kConduitHandle, nullptr);
+    conduit.Load(&manager, nullptr, 0x1234, nullptr);
   }
-
-  IReadWriteBuffer* Create(Handle binding = 1) {
+  IReadWriteBuffer* Create(unsigned long binding = 1) {
     IReadWriteBuffer* buffer = nullptr;
     EXPECT_EQ(conduit.CreateBuffer(binding, &buffer), KT_STATUS_SUCCESS);
     return buffer;
@@ -50,12 +40,26 @@ class LocalConduitTest : public ::testing::Test {
   LocalConduit conduit;
 };
 
+TEST(LocalConduitBadInputTest, RefusesANullOutputAndTransactionsBeforeItIsLoaded) {
+  LocalConduit conduit;
+  ExpectRefusals({
+      REFUSAL(conduit.CreateBuffer(1, nullptr), kArgument, "outBuffer"),
+      REFUSAL(conduit.Transact(0x5eed, nullptr, nullptr), KT_STATUS_INVALID_OPERATION,
+              "extensionManager"),
+  });
+}
+
+// A buffer the conduit did not make is not taken: the conduit would free it.
 TEST_F(LocalConduitTest, ReturnedBufferIsReusedLastEmptyAndBoundToItsNewBinding) {
   IReadWriteBuffer* buffer = Create(5);
   ASSERT_NE(buffer, nullptr);
   Commit(buffer);  // pushed, and left queued
-  conduit.DestroyBuffer(buffer);
-  for (int i = 0; i < 7; ++i) EXPECT_NE(Create(), buffer);
+  HostBuffer stranger;
+  conduit.DestroyBuffer(buffer), conduit.DestroyBuffer(&stranger), conduit.DestroyBuffer(nullptr);
+  for (int i = 0; i < 7; ++i) {
+    IReadWriteBuffer* fresh = Create();
+    EXPECT_TRUE(fresh != buffer && fresh != &stranger && fresh != nullptr);
+  }
 
   ASSERT_EQ(Create(9), buffer);
   const void* data = buffer;
@@ -65,7 +69,7 @@ TEST_F(LocalConduitTest, ReturnedBufferIsReusedLastEmptyAndBoundToItsNewBinding)
   ASSERT_EQ(manager.pushes.size(), 2u);
   EXPECT_EQ(manager.pushes[0].binding, 5u);
   EXPECT_EQ(manager.pushes[1].binding, 9u);
-  EXPECT_EQ(manager.pushes[1].conduit, kConduitHandle);
+  EXPECT_EQ(manager.pushes[1].conduit, 0x1234u);
 }
 
 TEST_F(LocalConduitTest, ConcurrentCreateAndDestroyKeepEveryBufferOnce) {
@@ -73,7 +77,7 @@ TEST_F(LocalConduitTest, ConcurrentCreateAndDestroyKeepEveryBufferOnce) {
   auto churn = [&] {
     for (++ready; ready.load() < 2;) {
     }
-    for (Handle i = 1; i <= 2000; ++i) conduit.DestroyBuffer(Create(i));
+    for (unsigned long i = 1; i <= 2000; ++i) conduit.DestroyBuffer(Create(i));
   };
   std::thread a(churn), b(churn);
   a.join();
