@@ -1,7 +1,7 @@
 // The entry functions of the network transport's fuzz targets, shaped as
 // those of fuzz/entries.h: one input of arbitrary bytes each, checks that
 // abort when broken, 0 returned. The libFuzzer targets (net_fuzz_target.cpp)
-// and the test suite's corpus test (tests/net_host/net_corpus_test.cpp) call
+// and the frame tests, over every committed seed (tests/net_transport/frame_test.cpp), call
 // them. Threads: one at a time.
 #ifndef KT_FUZZ_NET_ENTRIES_H_
 #define KT_FUZZ_NET_ENTRIES_H_
